@@ -1,0 +1,71 @@
+// Common services: descriptor I/O that survives interruptions, and the one
+// way toolnest starts external programs.
+#pragma once
+
+#include <unistd.h>
+
+// Reads until len bytes arrived or end of input; EINTR/EAGAIN are retried at
+// once.  Returns the bytes read (short only at end of input) or -1 (errno set).
+int safe_read(int fd, void *buf, unsigned len);
+
+// Writes all len bytes; EINTR/EAGAIN are retried at once.  Returns len or -1.
+int safe_write(int fd, const void *buf, unsigned len);
+
+// Copies in to out until end of input through a 16384-byte stack buffer.
+// Returns the bytes written, or -1 when the reader of out went away (EPIPE).
+int safe_copyfd(int in, int out);
+
+// Writes count bytes of blank text lines (79 spaces and a newline each).
+void pad_ascii(int fd, int count);
+
+// Starts path with argv (no PATH search) with stdin/stdout/stderr wired to the
+// given descriptors; traceme makes the child stop at its execve for a tracer.
+// envp may be null (empty environment).  Returns the child's pid or -1.
+int sys_run_envp_nowait(const char *path, char *const argv[], char *const envp[],
+                        int fd_in, int fd_out, int fd_err, int traceme);
+// As above, always with an empty environment.
+int sys_run_nowait(const char *path, char *const argv[], int fd_in, int fd_out,
+                   int fd_err, int traceme);
+// As sys_run_nowait, then waits: the child's exit code (0..255); a child killed
+// by a signal yields 0.
+int sys_run(const char *path, char *const argv[], int fd_in, int fd_out, int fd_err,
+            int traceme);
+
+// Entry of an applet that this build does not contain: says so on stderr and
+// returns exit status 1.
+int applet_unbuilt(const char *name);
+
+// Owns a descriptor and closes it when it goes out of scope.
+class unique_fd {
+public:
+    unique_fd() = default;
+    explicit unique_fd(int fd) : fd_(fd) {}
+    unique_fd(const unique_fd &) = delete;
+    unique_fd &operator=(const unique_fd &) = delete;
+    unique_fd(unique_fd &&o) noexcept : fd_(o.release()) {}
+    unique_fd &operator=(unique_fd &&o) noexcept
+    {
+        if (this != &o)
+            reset(o.release());
+        return *this;
+    }
+    ~unique_fd() { reset(); }
+
+    int get() const { return fd_; }
+    bool valid() const { return fd_ >= 0; }
+    int release()
+    {
+        int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+    void reset(int fd = -1)
+    {
+        if (fd_ >= 0)
+            ::close(fd_);
+        fd_ = fd;
+    }
+
+private:
+    int fd_ = -1;
+};

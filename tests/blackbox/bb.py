@@ -1,0 +1,68 @@
+"""Shared helpers of the black-box tests: run the installed toolbox, natively
+or under the cross target's emulator."""
+import argparse
+import os
+import shlex
+import subprocess
+import sys
+import unittest
+
+PREFIX = None
+EMULATOR = []
+
+
+def setup():
+    global PREFIX, EMULATOR
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--prefix", required=True)
+    ap.add_argument("--emulator", default="")
+    args, rest = ap.parse_known_args()
+    PREFIX = os.path.abspath(args.prefix)
+    EMULATOR = shlex.split(args.emulator)
+    return [sys.argv[0]] + rest
+
+
+def path(rel):
+    return os.path.join(PREFIX, rel)
+
+
+def command(program, *args):
+    """Command line that starts program (a path of the install) with args."""
+    return EMULATOR + [program] + list(args)
+
+
+def run(program, *args, timeout=60, **kw):
+    kw.setdefault("stdout", subprocess.PIPE)
+    kw.setdefault("stderr", subprocess.PIPE)
+    return subprocess.run(command(program, *args), timeout=timeout, close_fds=True, **kw)
+
+
+def children(pid):
+    out = []
+    try:
+        for tid in os.listdir(f"/proc/{pid}/task"):
+            with open(f"/proc/{pid}/task/{tid}/children") as f:
+                out += [int(x) for x in f.read().split()]
+    except OSError:
+        pass
+    return out
+
+
+def pid_ns(pid):
+    try:
+        return os.readlink(f"/proc/{pid}/ns/pid")
+    except OSError:
+        return None
+
+
+def pids_in_ns(ns):
+    found = []
+    for name in os.listdir("/proc"):
+        if name.isdigit() and pid_ns(int(name)) == ns:
+            found.append(int(name))
+    return found
+
+
+def main():
+    argv = setup()
+    unittest.main(argv=argv, verbosity=2)

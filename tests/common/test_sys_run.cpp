@@ -1,0 +1,227 @@
+#include "common.h"
+
+#include <gtest/gtest.h>
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ptrace.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+
+namespace {
+
+std::string read_all(int fd)
+{
+    std::string out;
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(fd, buf, sizeof buf)) > 0)
+        out.append(buf, static_cast<size_t>(n));
+    return out;
+}
+
+struct Pipe {
+    int r = -1, w = -1;
+    Pipe()
+    {
+        int p[2];
+        EXPECT_EQ(pipe(p), 0);
+        r = p[0];
+        w = p[1];
+    }
+    ~Pipe()
+    {
+        if (r >= 0)
+            close(r);
+        if (w >= 0)
+            close(w);
+    }
+    std::string finish()
+    {
+        close(w);
+        w = -1;
+        return read_all(r);
+    }
+};
+
+bool emulated()
+{
+    return getenv("TOOLNEST_TEST_EMULATED") != nullptr;
+}
+
+TEST(SysRun, ReturnsTheExitCode)
+{
+    char *const argv[] = {const_cast<char *>("sh"), const_cast<char *>("-c"),
+                          const_cast<char *>("exit 3"), nullptr};
+    EXPECT_EQ(sys_run("/bin/sh", argv, 0, 1, 2, 0), 3);
+}
+
+TEST(SysRun, AChildKilledBySignalGivesZero)
+{
+    char *const argv[] = {const_cast<char *>("sh"), const_cast<char *>("-c"),
+                          const_cast<char *>("kill -9 $$; exit 7"), nullptr};
+    EXPECT_EQ(sys_run("/bin/sh", argv, 0, 1, 2, 0), 0);
+}
+
+TEST(SysRun, MissingProgramReportsOnTheGivenStderr)
+{
+    Pipe err;
+    char *const argv[] = {const_cast<char *>("nothing"), nullptr};
+    EXPECT_EQ(sys_run("/nonexistent/program", argv, 0, 1, err.w, 0), 1);
+    EXPECT_EQ(err.finish(), "execve: No such file or directory\n");
+}
+
+TEST(SysRun, ThePathIsNotSearched)
+{
+    Pipe err;
+    char *const argv[] = {const_cast<char *>("sh"), const_cast<char *>("-c"),
+                          const_cast<char *>("exit 0"), nullptr};
+    EXPECT_EQ(sys_run("sh", argv, 0, 1, err.w, 0), 1);
+    EXPECT_EQ(err.finish(), "execve: No such file or directory\n");
+}
+
+TEST(SysRun, OutputGoesToTheGivenPipeOnly)
+{
+    Pipe out;
+    char name[] = "/tmp/tn-stdout-XXXXXX";
+    int capture = mkstemp(name);
+    ASSERT_GE(capture, 0);
+    unlink(name);
+    fflush(stdout);
+    int saved = dup(1);
+    dup2(capture, 1);
+
+    char *const argv[] = {const_cast<char *>("echo"), const_cast<char *>("hello"), nullptr};
+    int rc = sys_run("/bin/echo", argv, 0, out.w, 2, 0);
+
+    dup2(saved, 1);
+    close(saved);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(out.finish(), "hello\n");
+    EXPECT_EQ(lseek(capture, 0, SEEK_END), 0) << "parent's stdout received output";
+    close(capture);
+}
+
+TEST(SysRun, StdinAndStderrAreWired)
+{
+    Pipe in, out, err;
+    ASSERT_EQ(write(in.w, "abc", 3), 3);
+    close(in.w);
+    in.w = -1;
+    char *const argv[] = {const_cast<char *>("sh"), const_cast<char *>("-c"),
+                          const_cast<char *>("cat; echo oops >&2"), nullptr};
+    EXPECT_EQ(sys_run("/bin/sh", argv, in.r, out.w, err.w, 0), 0);
+    EXPECT_EQ(out.finish(), "abc");
+    EXPECT_EQ(err.finish(), "oops\n");
+}
+
+TEST(SysRun, GivenDescriptorsStayOpenInParentAndChild)
+{
+    Pipe out;
+    std::string script = "echo direct >&" + std::to_string(out.w);
+    char *const argv[] = {const_cast<char *>("sh"), const_cast<char *>("-c"),
+                          const_cast<char *>(script.c_str()), nullptr};
+    EXPECT_EQ(sys_run("/bin/sh", argv, 0, out.w, 2, 0), 0);
+    EXPECT_NE(fcntl(out.w, F_GETFD), -1);
+    EXPECT_EQ(out.finish(), "direct\n");
+}
+
+TEST(SysRun, ProgramsSeeAnEmptyEnvironment)
+{
+    setenv("TOOLNEST_SHOULD_NOT_LEAK", "1", 1);
+    Pipe out;
+    char *const argv[] = {const_cast<char *>("env"), nullptr};
+    EXPECT_EQ(sys_run("/usr/bin/env", argv, 0, out.w, 2, 0), 0);
+    EXPECT_EQ(out.finish(), "");
+    unsetenv("TOOLNEST_SHOULD_NOT_LEAK");
+}
+
+TEST(SysRun, AGivenEnvironmentIsPassed)
+{
+    Pipe out;
+    char *const argv[] = {const_cast<char *>("env"), nullptr};
+    char *const envp[] = {const_cast<char *>("A=1"), const_cast<char *>("B=two"), nullptr};
+    int pid = sys_run_envp_nowait("/usr/bin/env", argv, envp, 0, out.w, 2, 0);
+    ASSERT_GT(pid, 0);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(out.finish(), "A=1\nB=two\n");
+}
+
+TEST(SysRun, NowaitReturnsWhileTheChildRuns)
+{
+    Pipe in, out;
+    char *const argv[] = {const_cast<char *>("sh"), const_cast<char *>("-c"),
+                          const_cast<char *>("read x; echo got $x; exit 5"), nullptr};
+    int pid = sys_run_nowait("/bin/sh", argv, in.r, out.w, 2, 0);
+    ASSERT_GT(pid, 0);
+    EXPECT_EQ(kill(pid, 0), 0);
+    int status = 0;
+    EXPECT_EQ(waitpid(pid, &status, WNOHANG), 0) << "child ended before its input came";
+    ASSERT_EQ(write(in.w, "ping\n", 5), 5);
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(WEXITSTATUS(status), 5);
+    EXPECT_EQ(out.finish(), "got ping\n");
+}
+
+TEST(SysRun, TraceFlagStopsTheChildAtItsExec)
+{
+    if (emulated())
+        GTEST_SKIP() << "qemu-user does not emulate ptrace";
+    char *const argv[] = {const_cast<char *>("true"), nullptr};
+    int pid = sys_run_nowait("/bin/true", argv, 0, 1, 2, 1);
+    ASSERT_GT(pid, 0);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFSTOPPED(status));
+    EXPECT_EQ(WSTOPSIG(status), SIGTRAP);
+    // The exe link already names the new program.
+    char exe[256] = {};
+    std::string link = "/proc/" + std::to_string(pid) + "/exe";
+    ASSERT_GT(readlink(link.c_str(), exe, sizeof exe - 1), 0);
+    EXPECT_NE(strstr(exe, "true"), nullptr);
+    ASSERT_EQ(ptrace(PTRACE_DETACH, pid, nullptr, nullptr), 0);
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST(SysRun, ForkFailureReportsAndSysRunWaitsForAnyChild)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root to drop to an unprivileged user";
+    Pipe err;
+    pid_t helper = fork();
+    ASSERT_GE(helper, 0);
+    if (helper == 0) {
+        // Root ignores RLIMIT_NPROC: become nobody with no process allowance.
+        if (setresgid(65534, 65534, 65534) || setresuid(65534, 65534, 65534))
+            _exit(10);
+        struct rlimit lim = {0, 0};
+        if (setrlimit(RLIMIT_NPROC, &lim))
+            _exit(11);
+        dup2(err.w, 2);
+        char *const argv[] = {const_cast<char *>("true"), nullptr};
+        if (sys_run_nowait("/bin/true", argv, 0, 1, 2, 0) != -1)
+            _exit(12);
+        // No child at all: waitpid(-1) fails, the preset status gives 0.
+        if (sys_run("/bin/true", argv, 0, 1, 2, 0) != 0)
+            _exit(13);
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(helper, &status, 0), helper);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(err.finish(),
+              "fork: Resource temporarily unavailable\nfork: Resource temporarily unavailable\n");
+}
+
+} // namespace

@@ -1,0 +1,43 @@
+#!/bin/sh
+# Builds a Debian bookworm mipsel sysroot for cross-compiling and for running
+# target binaries under qemu-user.  Only unpacks packages (no second stage),
+# so no binfmt registration is needed.  A finished sysroot is reused.
+set -eu
+
+root=${1:?usage: mksysroot.sh DIR}
+pkgs="libc6-dev,libstdc++6,zlib1g-dev,libcurl4-openssl-dev,libinih-dev,liburiparser-dev,libgtest-dev"
+
+if [ -f "$root/.toolnest-sysroot" ]; then
+    exit 0
+fi
+
+need=""
+command -v debootstrap >/dev/null 2>&1 || need="$need debootstrap"
+command -v mipsel-linux-gnu-g++ >/dev/null 2>&1 || need="$need g++-mipsel-linux-gnu"
+command -v qemu-mipsel-static >/dev/null 2>&1 || need="$need qemu-user-static"
+if [ -n "$need" ]; then
+    DEBIAN_FRONTEND=noninteractive apt-get install -y $need
+fi
+
+tmp="$root.partial"
+rm -rf "$tmp"
+mkdir -p "$tmp"
+# No mirror argument: debootstrap uses its default source.
+debootstrap --foreign --arch=mipsel --variant=minbase --include="$pkgs" bookworm "$tmp"
+
+# The first stage unpacks only the essential set; unpack everything it fetched.
+for deb in "$tmp"/var/cache/apt/archives/*.deb; do
+    dpkg-deb -x "$deb" "$tmp"
+done
+rm -rf "$tmp"/var/cache/apt/archives/*.deb "$tmp"/debootstrap
+
+# Absolute links would point into the build host; make them relative to the sysroot.
+find "$tmp" -type l -lname '/*' | while IFS= read -r link; do
+    target=$(readlink "$link")
+    rel=$(realpath -s -m --relative-to="$(dirname "$link")" "$tmp$target")
+    ln -sfn "$rel" "$link"
+done
+
+touch "$tmp/.toolnest-sysroot"
+rm -rf "$root"
+mv "$tmp" "$root"

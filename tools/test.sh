@@ -1,0 +1,33 @@
+#!/bin/sh
+# The whole test suite: host, sanitizer and mipsel (qemu-user) builds, each
+# built and tested with its preset.  Exits non-zero when anything failed.
+set -u
+cd "$(dirname "$0")/.."
+
+tools/deps.sh || exit 1
+tools/mksysroot.sh build/sysroot-mipsel || exit 1
+
+status=0
+summary=""
+for preset in host asan mipsel; do
+    echo "==== $preset: configure and build"
+    if ! { cmake --preset "$preset" && cmake --build --preset "$preset"; }; then
+        status=1
+        summary="$summary
+$preset: BUILD FAILED"
+        continue
+    fi
+    echo "==== $preset: test"
+    log="build/$preset/ctest.log"
+    ctest --preset "$preset" -j2 2>&1 | tee "$log"
+    line=$(grep -E 'tests passed, [0-9]+ tests failed out of' "$log" | tail -n 1)
+    if [ -z "$line" ] || ! echo "$line" | grep -q ' 0 tests failed'; then
+        status=1
+    fi
+    summary="$summary
+$preset: ${line:-no ctest summary}"
+done
+
+echo
+echo "==== summary$summary"
+exit $status
