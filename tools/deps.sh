@@ -3,10 +3,8 @@
 # packages already present are left alone.
 set -eu
 
-pkgs="cmake ninja-build g++ clang libclang-rt-14-dev googletest libgtest-dev
-zlib1g-dev libcurl4-openssl-dev libinih-dev liburiparser-dev
-g++-mipsel-linux-gnu qemu-user-static debootstrap
-python3 util-linux coreutils procps tar iproute2 strace"
+# One package name per line in tools/packages/*.list, grouped by purpose.
+pkgs=$(cat "$(dirname "$0")"/packages/*.list | sed 's/#.*//' | tr -s ' \n' ' ')
 
 missing=""
 for p in $pkgs; do

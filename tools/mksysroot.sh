@@ -7,7 +7,14 @@ set -eu
 root=${1:?usage: mksysroot.sh DIR}
 pkgs="libc6-dev,libstdc++6,zlib1g-dev,libcurl4-openssl-dev,libinih-dev,liburiparser-dev,libgtest-dev"
 
+# qemu-user looks every path up in the sysroot first: without these directories
+# the emulated programs see the host's live /dev, /proc and /sys.
+prune() {
+    rm -rf "$1/dev" "$1/proc" "$1/sys"
+}
+
 if [ -f "$root/.toolnest-sysroot" ]; then
+    prune "$root"
     exit 0
 fi
 
@@ -38,6 +45,7 @@ find "$tmp" -type l -lname '/*' | while IFS= read -r link; do
     ln -sfn "$rel" "$link"
 done
 
+prune "$tmp"
 touch "$tmp/.toolnest-sysroot"
 rm -rf "$root"
 mv "$tmp" "$root"

@@ -64,16 +64,16 @@ class Dispatch(unittest.TestCase):
             os.close(wr)
         self.assertEqual(r.returncode, 0)
 
+    # Applets whose module is not written yet; a name leaves this list when
+    # its module arrives (and its own tests take over).
+    UNBUILT = ["coredump-handler", "debugar.cgi", "mon"]
+
     def test_applets_not_in_this_build_fail_clearly(self):
-        for name in ["tstrace", "stopper", "pcapdump", "coredump-handler", "debugar.cgi",
-                     "mon"]:
-            r = bb.run(bb.path("bin/" + name), "-p", "1")
-            if b"not built" not in r.stderr:
-                continue  # built by now: its own tests cover it
+        for name in self.UNBUILT:
+            r = bb.run(bb.path("bin/" + name), "-p", "1", stdin=subprocess.DEVNULL, timeout=10)
             self.assertEqual(r.returncode, 1, name)
+            self.assertEqual(r.stdout, b"", name)
             self.assertEqual(r.stderr, f"{name}: applet not built into this toolnest\n".encode())
-        r = bb.run(bb.path("sbin/oopslog"))
-        self.assertGreaterEqual(r.returncode, 0)
 
 
 if __name__ == "__main__":

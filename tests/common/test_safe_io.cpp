@@ -1,5 +1,6 @@
 #include "common.h"
 #include "io_wrap.h"
+#include "testutil.h"
 
 #include <gtest/gtest.h>
 
@@ -20,60 +21,13 @@ namespace {
 
 using namespace std::chrono_literals;
 
-struct Pipe {
-    int r = -1, w = -1;
-    Pipe()
-    {
-        int p[2];
-        EXPECT_EQ(pipe(p), 0);
-        r = p[0];
-        w = p[1];
-    }
-    ~Pipe()
-    {
-        close_r();
-        close_w();
-    }
-    void close_r()
-    {
-        if (r >= 0)
-            close(r);
-        r = -1;
-    }
-    void close_w()
-    {
-        if (w >= 0)
-            close(w);
-        w = -1;
-    }
-};
+using testutil::file_content;
+using testutil::Pipe;
+using testutil::temp_file;
 
 std::string drain(int fd)
 {
-    std::string out;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(fd, buf, sizeof buf)) > 0)
-        out.append(buf, static_cast<size_t>(n));
-    return out;
-}
-
-// A temporary file, unlinked at once, holding the given bytes.
-int temp_file(const std::string &content)
-{
-    char name[] = "/tmp/tn-test-XXXXXX";
-    int fd = mkstemp(name);
-    EXPECT_GE(fd, 0);
-    unlink(name);
-    EXPECT_EQ(write(fd, content.data(), content.size()), static_cast<ssize_t>(content.size()));
-    lseek(fd, 0, SEEK_SET);
-    return fd;
-}
-
-std::string file_content(int fd)
-{
-    lseek(fd, 0, SEEK_SET);
-    return drain(fd);
+    return testutil::read_all(fd);
 }
 
 std::string pattern(size_t n)

@@ -1,4 +1,5 @@
 #include "common.h"
+#include "testutil.h"
 
 #include <gtest/gtest.h>
 
@@ -16,39 +17,7 @@
 
 namespace {
 
-std::string read_all(int fd)
-{
-    std::string out;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(fd, buf, sizeof buf)) > 0)
-        out.append(buf, static_cast<size_t>(n));
-    return out;
-}
-
-struct Pipe {
-    int r = -1, w = -1;
-    Pipe()
-    {
-        int p[2];
-        EXPECT_EQ(pipe(p), 0);
-        r = p[0];
-        w = p[1];
-    }
-    ~Pipe()
-    {
-        if (r >= 0)
-            close(r);
-        if (w >= 0)
-            close(w);
-    }
-    std::string finish()
-    {
-        close(w);
-        w = -1;
-        return read_all(r);
-    }
-};
+using testutil::Pipe;
 
 bool emulated()
 {
@@ -112,8 +81,7 @@ TEST(SysRun, StdinAndStderrAreWired)
 {
     Pipe in, out, err;
     ASSERT_EQ(write(in.w, "abc", 3), 3);
-    close(in.w);
-    in.w = -1;
+    in.close_w();
     char *const argv[] = {const_cast<char *>("sh"), const_cast<char *>("-c"),
                           const_cast<char *>("cat; echo oops >&2"), nullptr};
     EXPECT_EQ(sys_run("/bin/sh", argv, in.r, out.w, err.w, 0), 0);
