@@ -1,0 +1,293 @@
+// The tracing loop: follows processes from system call to system call and
+// turns every event into text for the caller's output callback.
+#include "trace.h"
+
+#include "common.h"
+#include "proc.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ptrace.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+pthread_mutex_t strace_lock = PTHREAD_MUTEX_INITIALIZER;
+
+int strace_vprintf(strace_ctx *ctx, const char *fmt, va_list ap)
+{
+    int len = vsnprintf(ctx->buf, static_cast<size_t>(ctx->bufsize), fmt, ap);
+    if (len < 1)
+        return len;
+    // Text that did not fit is dropped as a whole.
+    if (len >= ctx->bufsize)
+        return len;
+    if (ctx->out)
+        ctx->out(ctx->arg, ctx->buf, len);
+    return len;
+}
+
+int strace_printf(strace_ctx *ctx, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    int len = strace_vprintf(ctx, fmt, ap);
+    va_end(ap);
+    return len;
+}
+
+int strace_find_pid(int pid, const int32_t *pids, int n)
+{
+    if (pid == -1 || n < 1)
+        return -1;
+    for (int i = 0; i < n; i++)
+        if (pids[i] == pid)
+            return i;
+    return -1;
+}
+
+static const char *rec_name(strace_ctx *ctx, int pid)
+{
+    int i = strace_find_pid(pid, ctx->pids, ctx->npids);
+    if (i < 0 || !ctx->pidrecs || !*ctx->pidrecs)
+        return "";
+    return (*ctx->pidrecs)[i].name;
+}
+
+int strace_list_fds(strace_ctx *ctx, int pid)
+{
+    int fds[1024];
+    int n = proc_fdlist(pid, fds, 1024);
+    if (n <= 0)
+        return 0;
+    int total = strace_printf(ctx, "\n[%d %s] %d open fds:\n", pid, rec_name(ctx, pid), n);
+    for (int k = 0; k < n; k++) {
+        total += strace_printf(ctx, "%d\t", fds[k]);
+        int len = proc_fdinfo_lookup(pid, fds[k], ctx->buf, ctx->bufsize);
+        // A description cut by the buffer reports its full length: send only
+        // what the buffer holds.
+        if (len >= ctx->bufsize)
+            len = static_cast<int>(strnlen(ctx->buf, static_cast<size_t>(ctx->bufsize)));
+        if (len > 0) {
+            if (ctx->out)
+                ctx->out(ctx->arg, ctx->buf, len);
+            total += len;
+        }
+        total += strace_printf(ctx, "\n");
+    }
+    return total;
+}
+
+void strace_exit(strace_ctx *ctx, int pid, int kind, int code, const unsigned long *regs)
+{
+    if (kind == 1) {
+        unsigned long msg = 0;
+        ptrace(static_cast<__ptrace_request>(PTRACE_GETEVENTMSG), pid, nullptr, &msg);
+        code = static_cast<int>(msg);
+    }
+    if (ctx->flags & STRACE_F_FDS)
+        strace_list_fds(ctx, pid);
+    if (ctx->on_exit)
+        ctx->on_exit(ctx, ctx->arg, pid, kind, code, regs);
+}
+
+static const char *const signal_names[] = {
+#include "signal_names.inc"
+};
+
+const char *signal_map_sig2name(int sig)
+{
+    if (sig < 1 || sig >= 32)
+        return "Invalid";
+    return signal_names[sig - 1];
+}
+
+// Short name of a traced process from its command line (the part after the
+// last '/').
+static void read_name(strace_pid_rec *rec, int pid)
+{
+    char path[30];
+    snprintf(path, sizeof path, "/proc/%d/cmdline", pid);
+    int fd = open(path, O_RDONLY);
+    if (fd < 0)
+        return;
+    ssize_t n = read(fd, rec->name, 31);
+    close(fd);
+    if (n < 0)
+        return;
+    // The long-standing second close after a successful read stays (it fails
+    // with EBADF), but on a number no thread can own: in the daemon another
+    // thread may already have been given fd again.
+    close(-1);
+    rec->name[n] = '\0';
+    char *slash = strrchr(rec->name, '/');
+    if (slash)
+        memmove(rec->name, slash + 1, strlen(slash + 1) + 1);
+}
+
+static int poll_out(strace_ctx *ctx)
+{
+    return ctx->out ? ctx->out(ctx->arg, ctx->buf, 0) : 1;
+}
+
+static void drop(strace_ctx *ctx, int i, int pid)
+{
+    printf("WARNING: ptrace SYSCALL failed! %d\n", pid);
+    trace_detach(pid);
+    ctx->pids[i] = -1;
+}
+
+void do_strace(strace_ctx *ctx)
+{
+    strace_pid_rec *recs = nullptr;
+    ctx->pidrecs = &recs;
+    char duration_text[20];
+    char *timer_argv[] = {const_cast<char *>("/bin/sleep"), duration_text, nullptr};
+
+    int nrecs = ctx->npids > 0 ? ctx->npids + 1 : 1;
+    recs = static_cast<strace_pid_rec *>(calloc(static_cast<size_t>(nrecs), sizeof *recs));
+    if (!recs)
+        return;
+
+    pthread_mutex_lock(&strace_lock);
+    int active = 0;
+    int timer = -1;
+    int last = 0;
+    if (!ctx->buf || ctx->bufsize == 0) {
+        ctx->bufsize = 4096;
+        ctx->buf = static_cast<char *>(malloc(4096));
+        if (!ctx->buf)
+            goto out;
+    }
+    if (ctx->npids < 1)
+        goto out;
+
+    for (int i = 0; i < ctx->npids; i++) {
+        int pid = ctx->pids[i];
+        if (pid == -1)
+            continue;
+        if (!ctx->children && trace_attach(pid) == -1) {
+            ctx->pids[i] = -1;
+            continue;
+        }
+        trace_setoptions(pid, (ctx->flags & STRACE_F_EXIT)
+                                  ? PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACEEXIT
+                                  : PTRACE_O_TRACESYSGOOD);
+        if (trace_syscall(pid, 0) == -1)
+            drop(ctx, i, pid);
+        else
+            active++;
+        read_name(&recs[i], ctx->pids[i]);
+    }
+    if (active == 0)
+        goto out;
+
+    if (ctx->duration > 0) {
+        snprintf(duration_text, sizeof duration_text, "%d", ctx->duration);
+        timer = sys_run_nowait("/bin/sleep", timer_argv, 0, 1, 2, 0);
+    }
+
+    for (int running = 1; running;) {
+        int status = 0;
+        int w = waitpid(-1, &status, 0);
+        last = w;
+        running = poll_out(ctx);
+        if (!running)
+            break;
+        if (w == -1) {
+            if (errno == ECHILD)
+                break;
+            if (errno == EINTR)
+                running = poll_out(ctx);
+            continue;
+        }
+        if (timer != -1 && w == timer)
+            goto detach;
+        int i = strace_find_pid(w, ctx->pids, ctx->npids);
+        if (i >= ctx->npids)
+            printf("pid=%d i=%d, nr_pids=%d\n", w, i, ctx->npids);
+        if (i < 0)
+            continue;
+        strace_pid_rec *rec = &recs[i];
+
+        if ((status & 0x7f) == 0) {
+            ctx->pids[i] = -1;
+            if (--active == 0)
+                break;
+            continue;
+        }
+        if (((signed char)((status & 0x7f) + 1) >> 1) > 0) {
+            // Killed: the loop ends with ECHILD (or the timer), not here.
+            ctx->pids[i] = -1;
+            active--;
+            continue;
+        }
+        if ((status & 0xff) != 0x7f)
+            continue;
+
+        int sig = (status >> 8) & 0xff;
+        int r;
+        if (sig == (SIGTRAP | 0x80)) {
+            if (ctx->flags & STRACE_F_CALLS) {
+                int n;
+                if (rec->state & 1) {
+                    n = arch_dec_syscall_ret(ctx, w, rec->name, ctx->buf, ctx->bufsize,
+                                             &rec->regs, &rec->ret);
+                    if (n != 0)
+                        rec->state &= static_cast<uint8_t>(~1u);
+                } else {
+                    n = arch_dec_syscall(ctx, w, rec->name, ctx->buf, ctx->bufsize, &rec->regs);
+                    if (n != -1)
+                        rec->state |= 1;
+                    else
+                        n = arch_dec_syscall_ret(ctx, w, rec->name, ctx->buf, ctx->bufsize,
+                                                 &rec->regs, &rec->ret) - 1;
+                }
+                if (n < 0)
+                    n = 0;
+                // Only what is in the buffer goes out.
+                if (n > ctx->bufsize - 1)
+                    n = ctx->bufsize - 1;
+                if (ctx->out)
+                    ctx->out(ctx->arg, ctx->buf, n);
+            }
+            r = trace_syscall(w, 0);
+        } else if (sig == SIGTRAP && (status & 0x600)) {
+            // Every plain SIGTRAP stop is taken as the exit event.
+            strace_exit(ctx, w, 1, 0, nullptr);
+            r = trace_syscall(w, SIGTRAP);
+        } else {
+            if (ctx->flags & STRACE_F_SIGNALS)
+                strace_printf(ctx, "\n[%d %s] ---  SIGNAL %d %s ---\n\n", w, rec->name, sig,
+                              signal_map_sig2name(sig));
+            r = trace_syscall(w, sig);
+        }
+        if (r == -1)
+            drop(ctx, i, w);
+    }
+
+    if (timer != -1 && last != timer) {
+        int status;
+        kill(timer, SIGINT);
+        waitpid(timer, &status, 0);
+    }
+detach:
+    for (int i = 0; i < ctx->npids; i++) {
+        int pid = ctx->pids[i];
+        if (pid == -1)
+            continue;
+        if (ctx->flags & STRACE_F_FDS)
+            strace_list_fds(ctx, pid);
+        trace_detach(pid);
+    }
+out:
+    pthread_mutex_unlock(&strace_lock);
+    free(ctx->buf);
+    ctx->buf = nullptr;
+    free(recs);
+    ctx->pidrecs = nullptr;
+}

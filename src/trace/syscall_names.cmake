@@ -1,0 +1,108 @@
+# Generates the system-call name table of the target from its kernel headers
+# (<asm/unistd*.h> as the target compiler sees them) at configure time.
+
+# Macro definitions of header hdr as the target compiler preprocesses it.
+function(trace_header_macros hdr out)
+  set(src "${CMAKE_CURRENT_BINARY_DIR}/unistd_probe.c")
+  file(WRITE "${src}" "#include <${hdr}>\n")
+  set(cmd ${CMAKE_C_COMPILER})
+  if(CMAKE_SYSROOT)
+    list(APPEND cmd "--sysroot=${CMAKE_SYSROOT}")
+  endif()
+  execute_process(COMMAND ${cmd} -E -dM "${src}"
+    OUTPUT_VARIABLE macros RESULT_VARIABLE rc ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "cannot preprocess <${hdr}>: ${err}")
+  endif()
+  set(${out} "${macros}" PARENT_SCOPE)
+endfunction()
+
+# Names of one ABI list in call-number order, 0 to last; the entry at last is
+# replaced by last_name when that is given.  The slot after waitid, which the
+# headers have always left commented out, is named sys_setaltroot as it was
+# in the old tables; any other gap fails.
+function(trace_abi_names hdr last last_name out)
+  trace_header_macros(${hdr} macros)
+  string(REGEX MATCHALL "#define __NR_[A-Za-z0-9_]+ \\(__NR_Linux \\+ [0-9]+\\)" defs "${macros}")
+  foreach(d IN LISTS defs)
+    string(REGEX REPLACE "#define __NR_([A-Za-z0-9_]+) \\(__NR_Linux \\+ ([0-9]+)\\)" "\\1;\\2" nv "${d}")
+    list(GET nv 0 name)
+    list(GET nv 1 num)
+    set(n_${num} "${name}")
+  endforeach()
+  set(names "")
+  foreach(i RANGE 0 ${last})
+    if(i EQUAL last AND last_name)
+      list(APPEND names "${last_name}")
+    elseif(DEFINED n_${i})
+      list(APPEND names "${n_${i}}")
+    elseif(prev STREQUAL "waitid")
+      list(APPEND names "sys_setaltroot")
+    else()
+      message(FATAL_ERROR "<${hdr}> has no call number ${i}")
+    endif()
+    if(DEFINED n_${i})
+      set(prev "${n_${i}}")
+    else()
+      set(prev "")
+    endif()
+  endforeach()
+  set(${out} "${names}" PARENT_SCOPE)
+endfunction()
+
+function(trace_write_names file names)
+  set(text "// Generated at configure time from the target's kernel headers.\n")
+  foreach(n IN LISTS names)
+    string(APPEND text "\"${n}\",\n")
+  endforeach()
+  if(EXISTS "${file}")
+    file(READ "${file}" old)
+    if(old STREQUAL text)
+      return()
+    endif()
+  endif()
+  file(WRITE "${file}" "${text}")
+endfunction()
+
+# MIPS: o32, then the 64-bit and N32 lists with the markers that old headers
+# carried after each list.  Each list ends with perf_counter_open, the slot
+# that today's headers give to rt_tgsigqueueinfo: 333 + 4 + 292 + 4 + 296 + 3.
+function(trace_mips_names file)
+  trace_abi_names(asm/unistd_o32.h 332 perf_counter_open o32)
+  trace_abi_names(asm/unistd_n64.h 291 perf_counter_open n64)
+  trace_abi_names(asm/unistd_n32.h 295 perf_counter_open n32)
+  set(all ${o32} Linux_syscalls O32_Linux O32_Linux_syscalls Linux
+          ${n64} Linux_syscalls 64_Linux 64_Linux_syscalls Linux
+          ${n32} Linux_syscalls N32_Linux N32_Linux_syscalls)
+  list(LENGTH all count)
+  if(NOT count EQUAL 932)
+    message(FATAL_ERROR "MIPS system-call table has ${count} names, not 932")
+  endif()
+  trace_write_names("${file}" "${all}")
+endfunction()
+
+# x86_64: every number up to the highest; numbers the kernel leaves unused get
+# "syscall_N".
+function(trace_x86_64_names file)
+  trace_header_macros(asm/unistd_64.h macros)
+  string(REGEX MATCHALL "#define __NR_[A-Za-z0-9_]+ [0-9]+" defs "${macros}")
+  set(max 0)
+  foreach(d IN LISTS defs)
+    string(REGEX REPLACE "#define __NR_([A-Za-z0-9_]+) ([0-9]+)" "\\1;\\2" nv "${d}")
+    list(GET nv 0 name)
+    list(GET nv 1 num)
+    set(n_${num} "${name}")
+    if(num GREATER max)
+      set(max ${num})
+    endif()
+  endforeach()
+  set(names "")
+  foreach(i RANGE 0 ${max})
+    if(DEFINED n_${i})
+      list(APPEND names "${n_${i}}")
+    else()
+      list(APPEND names "syscall_${i}")
+    endif()
+  endforeach()
+  trace_write_names("${file}" "${names}")
+endfunction()
