@@ -1,0 +1,77 @@
+#!/bin/sh
+# The target suite on the board: every unit-test executable, natively with a
+# real kernel (ptrace included), then the black-box checks of the installed
+# toolbox.  Each result is one console line "TN-RESULT PASS|FAIL|SKIP NAME";
+# the last line is "TN-DONE ..." with the counts.  The host parses these.
+TN_FILTER=${TN_FILTER:-*}
+TN_LIMIT=${TN_LIMIT:-240}
+base=/opt/toolnest
+work=$(mktemp -d /tmp/suite.XXXXXX)
+TN_COUNTS="$work/counts"
+TN_LIB="$base/checklib.sh"
+export TN_COUNTS TN_LIB
+: > "$TN_COUNTS"
+
+uptime() { cut -d' ' -f1 /proc/uptime; }
+result() {
+    echo "TN-RESULT $1 $2"
+    echo "$1" >> "$TN_COUNTS"
+}
+wanted() {
+    case $1 in
+    $TN_FILTER) return 0 ;;
+    esac
+    return 1
+}
+
+echo "TN-BEGIN uptime=$(uptime) kernel=$(uname -r) machine=$(uname -m)"
+
+while read -r exe; do
+    name=unit:$(basename "$exe")
+    wanted "$name" || continue
+    dir="$work/$(basename "$exe")"
+    mkdir -p "$dir"
+    echo "== $name (uptime $(uptime))"
+    (cd "$dir" && timeout -s KILL "$TN_LIMIT" "$exe" --gtest_color=no </dev/null) > "$dir/log" 2>&1
+    rc=$?
+    cat "$dir/log"
+    sed -n -e 's/^\[       OK \] \([^ ,]*\)[ ,].*([0-9]* ms)$/PASS \1/p' \
+        -e 's/^\[  FAILED  \] \([^ ,]*\)[ ,].*([0-9]* ms)$/FAIL \1/p' \
+        -e 's/^\[  SKIPPED \] \([^ ,]*\)[ ,].*([0-9]* ms)$/SKIP \1/p' \
+        "$dir/log" > "$dir/parsed"
+    while read -r status test; do
+        result "$status" "$name:$test"
+    done < "$dir/parsed"
+    # A crash or the time limit ends the executable without a verdict line.
+    if [ $rc -ne 0 ] && ! grep -q '^FAIL' "$dir/parsed"; then
+        result FAIL "$name (exit status $rc)"
+    fi
+done < "$base/tests.list"
+
+for script in "$base"/checks/*.sh; do
+    group=$(basename "$script" .sh)
+    wanted "check:$group" || continue
+    echo "== check:$group (uptime $(uptime))"
+    TN_GROUP=$group TN_WORK="$work/check-$group" sh "$script"
+    rc=$?
+    [ $rc -eq 0 ] || result FAIL "check:$group (script exit status $rc)"
+done
+
+if [ "$TN_INJECT_FAILURE" = 1 ]; then
+    # Proves the failure path of the rig: a check that cannot pass.
+    (
+        TN_GROUP=rig
+        TN_WORK="$work/check-rig"
+        . "$TN_LIB"
+        deliberate() {
+            run /usr/bin/ctest
+            want_out 'call exit (deliberately wrong)\n'
+        }
+        check injected-failure deliberate
+    )
+fi
+
+pass=$(grep -c '^PASS' "$TN_COUNTS")
+fail=$(grep -c '^FAIL' "$TN_COUNTS")
+skip=$(grep -c '^SKIP' "$TN_COUNTS")
+echo "TN-DONE pass=$pass fail=$fail skip=$skip uptime=$(uptime)"

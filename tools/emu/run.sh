@@ -1,0 +1,111 @@
+#!/bin/sh
+# Boots the emulated MIPS Malta board with a mipsel build of toolnest and runs
+# the target suite there (or gives a shell on the board's console).
+#
+#   run.sh [--shell] [--timeout SECONDS] BUILD [SYSROOT]
+#
+# BUILD is a built mipsel tree (build/mipsel), SYSROOT the mipsel sysroot
+# (default build/sysroot-mipsel).  Downloads are cached in TOOLNEST_EMU_CACHE
+# (default build/emu-cache); the initramfs, the console log (BUILD/emu/console.log)
+# and the parsed results (BUILD/emu/results.txt) go under BUILD/emu.
+#
+# Environment: TOOLNEST_EMU_INJECT_FAILURE=1 adds a check that must fail,
+# TOOLNEST_EMU_FILTER=GLOB runs only matching groups (unit:test_common,
+# check:applets, ...).
+#
+# Exit status: 0 when every target test passed, 1 when one failed or the
+# board did not finish in time, 2 for a broken set-up.
+set -eu
+
+here=$(cd "$(dirname "$0")" && pwd)
+src=$(cd "$here/../.." && pwd)
+mode=suite
+limit=420
+while [ $# -gt 0 ]; do
+    case $1 in
+    --shell) mode=shell ;;
+    --timeout) limit=$2; shift ;;
+    -*) echo "usage: run.sh [--shell] [--timeout SECONDS] BUILD [SYSROOT]" >&2; exit 2 ;;
+    *) break ;;
+    esac
+    shift
+done
+build=$(cd "${1:?usage: run.sh [--shell] [--timeout SECONDS] BUILD [SYSROOT]}" && pwd)
+sysroot=${2:-$src/build/sysroot-mipsel}
+cache=${TOOLNEST_EMU_CACHE:-$src/build/emu-cache}
+out="$build/emu"
+mkdir -p "$out"
+
+"$here/fetch.sh" "$cache" || exit 2
+"$here/mkinitramfs.sh" "$build" "$sysroot" "$cache" "$out/initramfs.cpio.gz" || exit 2
+
+append="console=ttyS0 rdinit=/init panic=-1 quiet tn.mode=$mode"
+[ "${TOOLNEST_EMU_INJECT_FAILURE:-0}" = 1 ] && append="$append tn.inject_failure=1"
+[ -n "${TOOLNEST_EMU_FILTER:-}" ] && append="$append tn.filter=$TOOLNEST_EMU_FILTER"
+# Each unit-test executable gets at most this long on the board.
+append="$append tn.limit=$((limit * 2 / 3))"
+
+# 256 MB is all the low memory the board has; no network device: the guest's
+# only network is its own veth pair.
+set -- qemu-system-mipsel -M malta -m 256 -no-reboot -nic none -vga none \
+    -kernel "$cache/kernel/vmlinuz" -initrd "$out/initramfs.cpio.gz" -append "$append"
+
+if [ $mode = shell ]; then
+    echo "emu: booting a shell on the board (exit powers off; Ctrl-A X quits qemu)"
+    exec "$@" -nographic
+fi
+
+log="$out/console.log"
+results="$out/results.txt"
+rm -f "$log" "$results"
+start=$(date +%s)
+echo "emu: booting $(cat "$cache/kernel/version"), time limit ${limit}s, console log $log"
+# The console goes to the log; the result lines are shown as they come.
+timeout -s KILL "$limit" "$@" -serial "file:$log" -monitor none -display none \
+    </dev/null >/dev/null 2>"$out/qemu.err" &
+qemu=$!
+touch "$log"
+tail -n +1 -f --pid=$qemu "$log" 2>/dev/null | tr -d '\r' | grep --line-buffered -E '^TN-(RESULT FAIL|BEGIN|DONE)' || true
+set +e
+wait $qemu
+qrc=$?
+set -e
+took=$(($(date +%s) - start))
+
+tr -d '\r' < "$log" | sed -n 's/^TN-RESULT //p' > "$results"
+done_line=$(tr -d '\r' < "$log" | grep '^TN-DONE' | tail -n 1 || true)
+begin_line=$(tr -d '\r' < "$log" | grep '^TN-BEGIN' | tail -n 1 || true)
+pass=$(grep -c '^PASS' "$results" || true)
+fail=$(grep -c '^FAIL' "$results" || true)
+skip=$(grep -c '^SKIP' "$results" || true)
+
+if [ -z "$done_line" ]; then
+    echo "emu: FAILED: the board did not finish within ${limit}s (qemu status $qrc); last console lines:"
+    tr -d '\r' < "$log" | tail -n 30
+    cat "$out/qemu.err" >&2
+    exit 1
+fi
+boot=$(echo "$begin_line" | sed -n 's/.*uptime=\([0-9.]*\).*/\1/p')
+end=$(echo "$done_line" | sed -n 's/.*uptime=\([0-9.]*\).*/\1/p')
+echo "emu: boot ${boot}s, suite $(awk "BEGIN { printf \"%.1f\", $end - $boot }")s, whole run ${took}s"
+echo "emu: $pass passed, $fail failed, $skip skipped (results $results)"
+if [ "$fail" -gt 0 ]; then
+    echo "emu: FAILED target tests:"
+    grep '^FAIL' "$results" | sed 's/^FAIL /  /'
+    # What each failure printed: a unit test's lines from its RUN line, a
+    # check's lines since the previous result.
+    echo "emu: their output:"
+    tr -d '\r' < "$log" | awk '
+        /^\[ RUN      \]/ { buf = ""; inunit = 1 }
+        /^(TN-RESULT|== )/ { if ($2 == "FAIL" && ($3 ~ /^check:/ || $0 ~ /exit status/)) printf "%s%s\n", buf, $0; buf = ""; inunit = 0; next }
+        { buf = buf $0 "\n" }
+        inunit && /^\[  FAILED  \].*\([0-9]+ ms\)$/ { printf "%s", buf; buf = ""; inunit = 0 }
+    ' | sed 's/^/  | /' | tail -n 200
+    echo "emu: details in $log"
+    exit 1
+fi
+if [ "$pass" -eq 0 ]; then
+    echo "emu: FAILED: no target test ran"
+    exit 1
+fi
+exit 0
