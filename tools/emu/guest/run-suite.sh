@@ -26,6 +26,16 @@ wanted() {
 
 echo "TN-BEGIN uptime=$(uptime) kernel=$(uname -r) machine=$(uname -m)"
 
+# A RAM-backed MTD partition (64 KiB, 4 KiB erase blocks) that the oops-log
+# unit tests may overwrite: they then read it through /dev/mtd0 (MEMGETINFO,
+# MEMGETBADBLOCK) and /dev/mtdblock0 (BLKGETSIZE).
+if modprobe mtdram total_size=64 erase_size=4 && [ -c /dev/mtd0 ]; then
+    TOOLNEST_TEST_MTD=/dev/mtd0
+    export TOOLNEST_TEST_MTD
+else
+    echo "run-suite: no mtdram device" >&2
+fi
+
 while read -r exe; do
     name=unit:$(basename "$exe")
     wanted "$name" || continue
@@ -47,6 +57,11 @@ while read -r exe; do
         result FAIL "$name (exit status $rc)"
     fi
 done < "$base/tests.list"
+
+if [ -n "${TOOLNEST_TEST_MTD:-}" ]; then
+    unset TOOLNEST_TEST_MTD
+    modprobe -r mtdram
+fi
 
 for script in "$base"/checks/*.sh; do
     group=$(basename "$script" .sh)
