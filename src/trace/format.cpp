@@ -263,14 +263,14 @@ int strace_format_sockcall(int pid, char *buf, int size, int subcall, unsigned l
 static const char *ptrace_request_name(unsigned long req)
 {
     switch (req) {
-    case 1: return "PTRACE_PEEKTEXT";
-    case 2: return "PTRACE_PEEKDATA";
-    case 3: return "PTRACE_PEEKUSER";
-    case 4: return "PTRACE_POKETEXT";
-    case 5: return "PTRACE_POKEDATA";
-    case 6: return "PTRACE_POKEUSER";
-    case 16: return "PTRACE_ATTACH";
-    case 24: return "PTRACE_SYSCALL";
+    case PTRACE_PEEKTEXT: return "PTRACE_PEEKTEXT";
+    case PTRACE_PEEKDATA: return "PTRACE_PEEKDATA";
+    case PTRACE_PEEKUSER: return "PTRACE_PEEKUSER";
+    case PTRACE_POKETEXT: return "PTRACE_POKETEXT";
+    case PTRACE_POKEDATA: return "PTRACE_POKEDATA";
+    case PTRACE_POKEUSER: return "PTRACE_POKEUSER";
+    case PTRACE_ATTACH: return "PTRACE_ATTACH";
+    case PTRACE_SYSCALL: return "PTRACE_SYSCALL";
     default: return nullptr;
     }
 }

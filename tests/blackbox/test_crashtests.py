@@ -14,6 +14,7 @@ import bb
 # In a sanitizer build the applets' own misbehaviour must stay visible: no SEGV
 # handler of the sanitizer, no leak scan that needs descriptors at exit.
 os.environ["ASAN_OPTIONS"] = "handle_segv=0:detect_leaks=0"
+os.environ["TSAN_OPTIONS"] = "handle_segv=0"
 
 NOBODY = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--"]
 
