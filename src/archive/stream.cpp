@@ -7,14 +7,16 @@
 #include <string.h>
 
 // The past Expires date and no-cache together keep browsers and proxies from
-// serving a stale download or page.
+// serving a stale download or page; both responses carry the pair.
+#define NO_CACHE_LINES                                                                  \
+    "Cache-Control: no-cache\r\n"                                                       \
+    "Expires: Thu, 01 Dec 1994 16:00:00 GMT\r\n"
+
 int stream_http_header(int fd, const char *content_type, const char *filename)
 {
     char *text = nullptr;
     int n = asprintf(&text,
-                     "HTTP/1.0 200 OK\r\n"
-                     "Cache-Control: no-cache\r\n"
-                     "Expires: Thu, 01 Dec 1994 16:00:00 GMT\r\n"
+                     "HTTP/1.0 200 OK\r\n" NO_CACHE_LINES
                      "Content-Type: %s\r\n"
                      "Content-Disposition: attachment; filename=\"%s\"\r\n"
                      "\r\n",
@@ -30,9 +32,7 @@ void stream_http_message(int fd, const char *status, const char *message)
 {
     char *text = nullptr;
     int n = asprintf(&text,
-                     "HTTP/1.0 %s\r\n"
-                     "Cache-Control: no-cache\r\n"
-                     "Expires: Thu, 01 Dec 1994 16:00:00 GMT\r\n"
+                     "HTTP/1.0 %s\r\n" NO_CACHE_LINES
                      "Content-Type: text/html\r\n"
                      "\r\n"
                      "<HTML><HEAD></HEAD>\r\n"

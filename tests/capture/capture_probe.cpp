@@ -8,6 +8,7 @@
 //       the same on one connection accepted on a dual-stack [::]:PORT
 // Prints "filter COUNT LOCALPORT PEERPORT HEX" and "result N".
 #include "capture.h"
+#include "netutil.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -23,18 +24,7 @@
 
 namespace {
 
-int port_of(int fd, bool peer)
-{
-    sockaddr_storage ss = {};
-    socklen_t len = sizeof ss;
-    if (peer)
-        getpeername(fd, reinterpret_cast<sockaddr *>(&ss), &len);
-    else
-        getsockname(fd, reinterpret_cast<sockaddr *>(&ss), &len);
-    if (ss.ss_family == AF_INET)
-        return ntohs(reinterpret_cast<sockaddr_in *>(&ss)->sin_port);
-    return ntohs(reinterpret_cast<sockaddr_in6 *>(&ss)->sin6_port);
-}
+using testutil::port_of;
 
 int capture_into(const char *ifname, int conn, char **limits)
 {

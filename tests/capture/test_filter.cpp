@@ -1,6 +1,7 @@
 // filter_me: the exact classic BPF programs for IPv4, IPv6 and IPv4-mapped
 // peers, and the cases that yield no filter.
 #include "capture.h"
+#include "netutil.h"
 
 #include <gtest/gtest.h>
 
@@ -27,18 +28,7 @@ struct conn {
     }
 };
 
-uint16_t port_of(int fd, bool peer)
-{
-    sockaddr_storage ss = {};
-    socklen_t len = sizeof ss;
-    if (peer)
-        getpeername(fd, reinterpret_cast<sockaddr *>(&ss), &len);
-    else
-        getsockname(fd, reinterpret_cast<sockaddr *>(&ss), &len);
-    if (ss.ss_family == AF_INET)
-        return ntohs(reinterpret_cast<sockaddr_in *>(&ss)->sin_port);
-    return ntohs(reinterpret_cast<sockaddr_in6 *>(&ss)->sin6_port);
-}
+using testutil::port_of;
 
 // A TCP connection over loopback: listen on listen_family's address, connect
 // from connect_family's.

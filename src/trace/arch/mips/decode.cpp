@@ -2,6 +2,8 @@
 // user stack at sp+16 and sp+20.
 #include "trace.h"
 
+#include <string.h>
+
 #include <asm/ptrace.h>
 #include <stdio.h>
 #include <sys/syscall.h>
@@ -77,6 +79,23 @@ int arch_call_format(unsigned long nr, int *subcall)
 }
 
 
+// The argument block of the call in r: arguments 5 and 6 are read from the
+// stack (sp+16, sp+20) at entry and again at return.  False for a number
+// outside the name table.
+static bool o32_block(int pid, const strace_regs *r, unsigned long result,
+                      unsigned long *block, const trace_reader *rd)
+{
+    unsigned long a5 = peekdata(rd, pid, r->w[R_SP] + 16);
+    unsigned long a6 = peekdata(rd, pid, r->w[R_SP] + 20);
+    unsigned long nr = r->w[R_V0];
+    if (nr - 4000 >= 932)
+        return false;
+    unsigned long b[SA_WORDS] = {r->w[S_PC], r->w[R_RA], nr, r->w[4], r->w[5], r->w[6],
+                                 r->w[7], a5, a6, result, 0};
+    memcpy(block, b, sizeof b);
+    return true;
+}
+
 int arch_dec_syscall(strace_ctx *ctx, int pid, const char *procname, char *buf, int size,
                      strace_regs *r, const trace_reader *rd)
 {
@@ -86,15 +105,11 @@ int arch_dec_syscall(strace_ctx *ctx, int pid, const char *procname, char *buf, 
     for (int reg : regs)
         r->w[reg] = static_cast<uint32_t>(peekuser(rd, pid, static_cast<unsigned long>(reg)));
     r->w[S_PC] = static_cast<uint32_t>(peekuser(rd, pid, PC));
-    unsigned long a5 = peekdata(rd, pid, r->w[R_SP] + 16);
-    unsigned long a6 = peekdata(rd, pid, r->w[R_SP] + 20);
-
-    unsigned long nr = r->w[R_V0];
-    if (nr - 4000 >= 932)
+    unsigned long block[SA_WORDS];
+    if (!o32_block(pid, r, r->w[R_V0], block, rd))
         return -1;
-    unsigned long block[SA_WORDS] = {r->w[S_PC], r->w[R_RA], nr, r->w[4], r->w[5], r->w[6],
-                                     r->w[7], a5, a6, nr, 0};
-    int n = arch_print_syscall(ctx, syscall_names[nr - 4000], pid, procname, buf, size, block, rd);
+    int n = arch_print_syscall(ctx, syscall_names[r->w[R_V0] - 4000], pid, procname, buf, size,
+                               block, rd);
     if (block[SA_WB])
         arch_writeback_sc(pid, block, rd);
     return n;
@@ -104,18 +119,13 @@ int arch_dec_syscall_ret(strace_ctx *ctx, int pid, const char *procname, char *b
                          strace_regs *r, strace_regs *ret, const trace_reader *rd)
 {
     ret->w[R_V0] = static_cast<uint32_t>(peekuser(rd, pid, R_V0));
-    unsigned long a5 = peekdata(rd, pid, r->w[R_SP] + 16);
-    unsigned long a6 = peekdata(rd, pid, r->w[R_SP] + 20);
-
-    unsigned long nr = r->w[R_V0];
-    if (nr - 4000 >= 932)
-        return -1;
     // The raw v0: a failing call shows its positive error number (a3 is not
     // consulted).
-    unsigned long block[SA_WORDS] = {r->w[S_PC], r->w[R_RA], nr, r->w[4], r->w[5], r->w[6],
-                                     r->w[7], a5, a6, ret->w[R_V0], 0};
-    return arch_print_syscall_ret(ctx, syscall_names[nr - 4000], pid, procname, buf, size,
-                                  block, rd);
+    unsigned long block[SA_WORDS];
+    if (!o32_block(pid, r, ret->w[R_V0], block, rd))
+        return -1;
+    return arch_print_syscall_ret(ctx, syscall_names[r->w[R_V0] - 4000], pid, procname, buf,
+                                  size, block, rd);
 }
 
 void arch_writeback_sc(int pid, unsigned long *block, const trace_reader *rd)
