@@ -24,7 +24,8 @@ int pcap_dump_stoppable(const char *ifname, int out_fd, int max_bytes, int rec_l
                         volatile sig_atomic_t *stop);
 
 // The socket filter that drops the frames of TCP connection sockfd: a heap
-// block (free it) that starts with its sock_fprog.  *count (when count is not
+// block (free it) holding the sock_filter instructions from its start; the
+// caller forms the sock_fprog from it and *count.  *count (when count is not
 // null) gets the instruction count, 8 (IPv4) or 9 (IPv6).  Null when the
 // addresses cannot be read or are neither both IPv4 nor both IPv6.
 void *filter_me(int sockfd, int *count);

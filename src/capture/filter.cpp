@@ -96,13 +96,10 @@ void *filter_me(int sockfd, int *count)
     char *block = static_cast<char *>(calloc(1, filter_block));
     if (!block)
         return nullptr;
-    auto *prog = reinterpret_cast<sock_fprog *>(block);
-    auto *ins = reinterpret_cast<sock_filter *>(block + sizeof(sock_fprog));
+    auto *ins = reinterpret_cast<sock_filter *>(block);
     const uint32_t lp = l << 16 | p;
     const uint32_t pl = p << 16 | l;
     int n = v6 ? build_ipv6(ins, lp, pl) : build_ipv4(ins, lp, pl);
-    prog->len = static_cast<unsigned short>(n);
-    prog->filter = ins;
     if (count)
         *count = n;
     return block;

@@ -34,9 +34,10 @@ int capture_into(const char *ifname, int conn, char **limits)
         fprintf(stderr, "filter none\n");
         return 1;
     }
-    auto *prog = static_cast<sock_fprog *>(block);
+    sock_fprog fprog = {static_cast<unsigned short>(count), static_cast<sock_filter *>(block)};
+    auto *prog = &fprog;
     fprintf(stderr, "filter %d %d %d ", count, port_of(conn, false), port_of(conn, true));
-    auto *bytes = reinterpret_cast<unsigned char *>(prog->filter);
+    auto *bytes = static_cast<unsigned char *>(block);
     for (int i = 0; i < count * 8; i++)
         fprintf(stderr, "%02x", bytes[i]);
     fprintf(stderr, "\n");

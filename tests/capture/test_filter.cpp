@@ -104,18 +104,15 @@ std::vector<ins> ipv6_table(uint32_t l, uint32_t p)
     };
 }
 
-// The block as the kernel reads it: a sock_fprog pointing at 8-byte entries
-// (code, jt, jf, k in host order), compared byte for byte.
+// The block as the kernel reads it: 8-byte entries from its start (code, jt,
+// jf, k in host order), exactly count of them, compared byte for byte.
 void expect_program(void *block, int count, const std::vector<ins> &want)
 {
     ASSERT_NE(block, nullptr);
     ASSERT_EQ(count, static_cast<int>(want.size()));
-    auto *prog = static_cast<sock_fprog *>(block);
-    EXPECT_EQ(prog->len, want.size());
-    auto *start = static_cast<char *>(block);
-    auto *f = reinterpret_cast<char *>(prog->filter);
-    EXPECT_GE(f, start + sizeof(sock_fprog));
-    EXPECT_LE(f + want.size() * 8, start + 1024);
+    sock_fprog fprog = {static_cast<unsigned short>(count), static_cast<sock_filter *>(block)};
+    auto *prog = &fprog;
+    auto *f = static_cast<char *>(block);
     std::vector<unsigned char> bytes(want.size() * 8);
     for (size_t i = 0; i < want.size(); i++) {
         memcpy(&bytes[i * 8], &want[i].code, 2);
@@ -132,12 +129,14 @@ void expect_program(void *block, int count, const std::vector<ins> &want)
     }
 }
 
-// The kernel accepts the program on a packet-less socket as well.
-void expect_attachable(void *block)
+// The kernel accepts the program, formed as the composer forms it, on a
+// packet-less socket as well.
+void expect_attachable(void *block, int count)
 {
     int s = socket(AF_INET, SOCK_DGRAM, 0);
     ASSERT_GE(s, 0);
-    EXPECT_EQ(setsockopt(s, SOL_SOCKET, SO_ATTACH_FILTER, block, sizeof(sock_fprog)), 0)
+    sock_fprog prog = {static_cast<unsigned short>(count), static_cast<sock_filter *>(block)};
+    EXPECT_EQ(setsockopt(s, SOL_SOCKET, SO_ATTACH_FILTER, &prog, sizeof prog), 0)
         << strerror(errno);
     close(s);
 }
@@ -150,7 +149,7 @@ TEST(FilterMe, Ipv4ProgramExact)
         int count = -1;
         void *block = filter_me(fd, &count);
         expect_program(block, count, ipv4_table(port_of(fd, false), port_of(fd, true)));
-        expect_attachable(block);
+        expect_attachable(block, count);
         free(block);
     }
 }
@@ -163,7 +162,7 @@ TEST(FilterMe, Ipv6ProgramExact)
         int count = -1;
         void *block = filter_me(fd, &count);
         expect_program(block, count, ipv6_table(port_of(fd, false), port_of(fd, true)));
-        expect_attachable(block);
+        expect_attachable(block, count);
         free(block);
     }
 }
@@ -189,7 +188,9 @@ TEST(FilterMe, CountMayBeNull)
     ASSERT_NO_FATAL_FAILURE(connect_pair(c, AF_INET, AF_INET));
     void *block = filter_me(c.client, nullptr);
     ASSERT_NE(block, nullptr);
-    EXPECT_EQ(static_cast<sock_fprog *>(block)->len, 8);
+    // the first instruction loads the EtherType
+    EXPECT_EQ(static_cast<sock_filter *>(block)[0].code, 0x28);
+    EXPECT_EQ(static_cast<sock_filter *>(block)[0].k, 12u);
     free(block);
 }
 

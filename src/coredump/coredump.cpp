@@ -1,0 +1,216 @@
+#include "coredump.h"
+
+#include <ctype.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "archive.h"
+#include "common.h"
+#include "proc.h"
+
+namespace {
+
+enum { CTL_MAX = 256, LEN_OFFSET = 8, THREADS_OFFSET = 21 };
+
+int null_fd = -1;
+char **dumper_argv;
+int dumper_argc;
+char pid_text[100];       // dump_one: the pid argument, then the member name
+char pid_text_core[100];  // coredump: the pid argument
+char ctl_line[CTL_MAX + 1];
+
+// Both ends close-on-exec: the dumper gets them through dup2 only, and no
+// other child started meanwhile keeps a write end (and so the pipe) open.
+int open_pipes(int data[2], int ctl[2])
+{
+    if (pipe2(data, O_CLOEXEC) == -1) {
+        perror("pipes");
+        return -1;
+    }
+    if (pipe2(ctl, O_CLOEXEC) == -1) {
+        perror("pipes");
+        close(data[0]);
+        close(data[1]);
+        return -1;
+    }
+    return 0;
+}
+
+int start_dumper(char *pid_slot, int32_t pid, int out, int err)
+{
+    snprintf(pid_slot, 100, "%d", pid);
+    if (!dumper_argv || dumper_argc < 1)
+        return -1;
+    dumper_argv[dumper_argc - 1] = pid_slot;
+    return sys_run_nowait(dumper_argv[0], dumper_argv, STDIN_FILENO, out, err, 0);
+}
+
+// Member directory of pid into dir: base name of argv[0] + ".PID/", or
+// "unknown.PID/" when the command line cannot be read.
+void member_dir(int32_t pid, char *dir, size_t size)
+{
+    char path[30];
+    char cmd[81];
+    snprintf(path, sizeof path, "/proc/%d/cmdline", pid);
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    ssize_t n = -1;
+    if (fd >= 0) {
+        do
+            n = read(fd, cmd, 80);
+        while (n == -1 && errno == EINTR);
+        close(fd);
+    }
+    if (n < 0) {
+        snprintf(dir, size, "unknown.%d/", pid);
+        return;
+    }
+    cmd[n] = '\0';
+    const char *slash = strrchr(cmd, '/');
+    snprintf(dir, size, "%s.%d/", slash ? slash + 1 : cmd, pid);
+}
+
+// Reads the report line into ctl_line.  Its length, or -1 (nothing usable).
+int read_report(int ctl)
+{
+    memset(ctl_line, 0, sizeof ctl_line);
+    int total = 0;
+    while (total < CTL_MAX) {
+        ssize_t n = read(ctl, ctl_line + total, CTL_MAX - total);
+        if (n == -1 && errno == EINTR)
+            continue;
+        // End of input before the newline: the line never comes.
+        if (n <= 0)
+            return -1;
+        bool nl = memchr(ctl_line + total, '\n', n) != nullptr;
+        total += n;
+        if (nl)
+            return total;
+    }
+    fputs("failed to read ctl line.\n", stderr);
+    return -1;
+}
+
+}  // namespace
+
+int dump_init()
+{
+    null_fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+    return null_fd;
+}
+
+void dump_set_dumper(char **argv)
+{
+    dumper_argv = argv;
+    int n = 0;
+    while (argv && argv[n])
+        n++;
+    dumper_argc = n + 1;
+}
+
+int dump_parse_report(char *buf, int len, int32_t *pids, int index, int npids)
+{
+    if (len < 0)
+        len = 0;
+    buf[len] = '\0';
+    char *end = buf + len;
+    char *num_end = buf + (len < LEN_OFFSET ? len : LEN_OFFSET);
+    int clen = static_cast<int>(strtol(num_end, &num_end, 10));
+    char *p = num_end + THREADS_OFFSET;
+    int spaces = 0;
+    for (char *q = p; q < end; q++) {
+        if (*q == ' ') {
+            *q = '\0';
+            spaces++;
+        }
+    }
+    for (int k = 0; k <= spaces && p < end; k++) {
+        while (p < end && !isdigit(static_cast<unsigned char>(*p)))
+            p++;
+        if (p >= end)
+            break;
+        int32_t tid = static_cast<int32_t>(strtol(p, &p, 10));
+        proc_plist_remove_pid(pids, index, npids, tid);
+    }
+    return clen;
+}
+
+int dump_one(tar *t, int fd, int32_t *pids, int index, int npids)
+{
+    int32_t pid = pids[index];
+    int data[2], ctl[2];
+    if (open_pipes(data, ctl) == -1)
+        return 0;
+
+    int child = start_dumper(pid_text, pid, data[1], ctl[1]);
+    close(data[1]);
+    close(ctl[1]);
+
+    char dir[90];
+    member_dir(pid, dir, sizeof dir);
+
+    int result = 0;
+    bool core_written = false;
+    bool data_drained = false;
+    int len = read_report(ctl[0]);
+    int clen = len < 0 ? 0 : dump_parse_report(ctl_line, len, pids, index, npids);
+    if (clen != 0) {
+        snprintf(pid_text, sizeof pid_text, "%score", dir);
+        tar_addfile(t, pid_text, static_cast<uint32_t>(clen));
+        int copied = safe_copyfd(data[0], fd);
+        if (copied != clen) {
+            if (copied == -1) {
+                fputs("ABORT!\n", stderr);
+                result = EPIPE;
+            } else {
+                fprintf(stderr, "WARNING: err=%d clen=%d pid=%d\n", copied, clen, pid);
+            }
+            safe_copyfd(data[0], null_fd);
+            safe_copyfd(ctl[0], STDERR_FILENO);
+            data_drained = true;
+        }
+        tar_fakewrite(t, static_cast<uint32_t>(clen));
+        core_written = true;
+    }
+
+    if (!data_drained)
+        safe_copyfd(data[0], null_fd);
+    safe_copyfd(ctl[0], null_fd);
+    int status = 0;
+    int reaped = child > 0 ? waitpid(child, &status, 0) : -1;
+    if (reaped == child && child > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0) {
+        if (core_written) {
+            snprintf(pid_text, sizeof pid_text, "%sfdmap", dir);
+            proc_append_fdmap(t, pid_text, pid, fd);
+        }
+    } else {
+        fprintf(stderr, "dump error for pid %d", pid);
+    }
+    close(data[0]);
+    close(ctl[0]);
+    return result;
+}
+
+int coredump(int fd, int32_t pid)
+{
+    int out[2], err[2];
+    if (open_pipes(out, err) == -1)
+        return 0;
+    int child = start_dumper(pid_text_core, pid, out[1], err[1]);
+    close(out[1]);
+    close(err[1]);
+    safe_copyfd(out[0], fd);
+    safe_copyfd(out[0], null_fd);
+    safe_copyfd(err[0], null_fd);
+    int status = 0;
+    if (child <= 0 || waitpid(child, &status, 0) != child || status != 0)
+        fprintf(stderr, "dump error for pid %d\n", pid);
+    close(out[0]);
+    close(err[0]);
+    return 0;
+}
