@@ -685,6 +685,10 @@ def start(args):
         answer = Lines(ready_r).get(args.timeout)
     except (TimeoutError, EOFError) as e:
         answer = str(e)
+    except KeyboardInterrupt:
+        # Nobody would know the state directory: the device goes too.
+        sup.terminate()
+        answer = "interrupted"
     if answer == "ok":
         print(state)
         return 0
