@@ -465,6 +465,18 @@ class Lifecycle(unittest.TestCase):
         deadline_wait(lambda: not pids_in("pid", ns), "the device's processes")
         deadline_wait(lambda: not loop_attached(loop), "the loop device")
 
+    def test_root_layout(self):
+        """-r takes a DESTDIR tree: its usr and etc lie over the device's."""
+        with tempfile.TemporaryDirectory(prefix="tn-simdev-root-") as root:
+            os.symlink(bb.PREFIX, os.path.join(root, "usr"))
+            os.mkdir(os.path.join(root, "etc"))
+            with open(os.path.join(root, "etc", "extra.conf"), "w") as f:
+                f.write("from the root\n")
+            with simdev.Device(root=root) as dev:
+                r = dev.sh("readlink -f /usr/sbin/oopslog; cat /etc/extra.conf; "
+                           "test -f /etc/ws/onvif/media/media.conf && echo media", check=True)
+        self.assertEqual(r.stdout, b"/usr/bin/toolnest\nfrom the root\nmedia\n")
+
     def test_two_devices_side_by_side(self):
         with simdev.Device(prefix=bb.PREFIX) as a, simdev.Device(prefix=bb.PREFIX) as b:
             a.run(["/bin/sh", "-c", "echo a > /etc/conf.d/which"], check=True)
