@@ -428,7 +428,7 @@ class Init:
             name = self.running.pop(pid, None)
             if name and not self.stopping:
                 log(f"{name} (pid {pid}) ended with status {status:#x}; restarting")
-                self.respawn[name] = time.monotonic() + 1.0
+                self.respawn[name] = time.monotonic() + 0.5
 
     def others_alive(self):
         return any(p.isdigit() and p != "1" for p in os.listdir("/proc"))
