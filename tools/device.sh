@@ -42,35 +42,33 @@ show "$bin/coredump-handler"
 # The system-call tracer on a started command (the interesting lines only).
 show sh -c "\"$bin/tstrace\" /bin/echo hello | grep -E '(write|exit_group)\\(|open fds'"
 
-# A packet capture on eth0: one end of a veth pair in a private network
-# namespace, with a few pings to an absent neighbour (ARP requests on the wire).
-pcap="$root/tmp/eth0.pcap"
-mkdir -p "$root/tmp"
-show unshare --net sh -c "
-    ip link add eth0 type veth peer name peer0 && ip link set eth0 up &&
-    ip link set peer0 up && ip addr add 10.9.0.1/24 dev eth0 || exit 1
-    \"$bin/pcapdump\" eth0 \"$pcap\" & pid=\$!
-    sleep 0.5; ping -c 2 -i 0.3 -W 1 10.9.0.2 >/dev/null 2>&1; sleep 0.3
-    kill -INT \$pid; wait \$pid; echo \"pcapdump ended with status \$?\"
-    tcpdump -nr \"$pcap\" 2>/dev/null | cut -d' ' -f2- | head -n 4"
+# The simulated device (tools/simdev): this install in namespaces of its own,
+# with eth0, the oops partition, a system report and the device's programs.
+SIMDEV=$(tools/simdev/simdev.sh start -r "$root")
+export SIMDEV
+trap 'tools/simdev/simdev.sh stop' EXIT
+dev() {
+    tools/simdev/simdev.sh exec "$@"
+}
+echo
+echo "== simulated device $SIMDEV"
+grep -E 'SIMDEV_(DEVICE|PEER)_IP' "$SIMDEV/info"
+show dev ps -eo pid,nlwp,args
 
-# The oops log of a partition image with three reports in a wrapped ring,
-# read through a loop block device, newest last.
-img="$root/tmp/oops.img"
-python3 - "$img" <<'PY'
-import struct, sys
-slots = [b"\xff" * 4096 for _ in range(4)]
-for index, count, text in [(2, 5, b"oops five\n"), (0, 6, b"oops six\n"), (1, 7, b"oops seven\n")]:
-    slots[index] = (struct.pack("<II", count, 0x5d005d00) + text).ljust(4096, b"\xff")
-open(sys.argv[1], "wb").write(b"".join(slots))
-PY
-if loop=$(losetup --find --show --read-only "$img" 2>/dev/null); then
-    show "$root/usr/sbin/oopslog" "$loop"
-    show "$root/usr/sbin/oopslog" -r "$loop"
-    losetup --detach "$loop"
-else
-    echo "(no loop device here: oops-log demo left out)"
-fi
+# A packet capture on the device's eth0, where the peer's pings and datagrams
+# arrive all the time.
+show dev sh -c '
+    pcapdump eth0 /tmp/eth0.pcap & pid=$!
+    sleep 1; kill -INT $pid; wait $pid; echo "pcapdump ended with status $?"
+    tcpdump -nr /tmp/eth0.pcap 2>/dev/null | cut -d" " -f2- | head -n 4'
+
+# The oops log of the device's partition, three reports in a wrapped ring,
+# newest last.
+show dev oopslog /dev/part/oops
+show dev oopslog -r /dev/part/oops
+
+# The first lines of the device's system report.
+show dev sh -c '/usr/sbin/gen_sysdigest.sh | head -n 12'
 
 show caged 20 prlimit --nofile=64 -- "$bin/fdleak"
 show caged 20 sh -c "\"$bin/segfault\"; echo \"segfault ended with status \$?\""
