@@ -16,7 +16,6 @@ written, covers the records before the damage); 2 wrong usage; 3 an error of
 the reader itself.
 """
 import argparse
-import base64
 import csv
 import datetime
 import html
@@ -371,7 +370,8 @@ class Plotter:
             ax.legend(loc="center left", bbox_to_anchor=(1.01, 0.5), fontsize=8, frameon=False)
         fig.tight_layout()
         buf = io.StringIO()
-        fig.savefig(buf, format="svg")
+        fig.savefig(buf, format="svg", metadata={"Creator": None, "Date": None, "Format": None,
+                                                 "Type": None})
         plt.close(fig)
         svg = buf.getvalue()
         return svg[svg.index("<svg"):]
@@ -501,21 +501,24 @@ class Report:
         if not t.disks:
             return
         self.h("<h2>Disk usage</h2>")
+        # A file system mounted twice on one place is two lines of the table.
         mounts = []
         sized = set()
-        for _, rows in t.disks:
+        points = {}
+        for ms, rows in t.disks:
+            seen = {}
             for fs, used, avail, mnt in rows:
-                if (fs, mnt) not in mounts:
-                    mounts.append((fs, mnt))
+                n = seen[(fs, mnt)] = seen.get((fs, mnt), 0) + 1
+                key = (fs, mnt, n)
+                if key not in points:
+                    mounts.append(key)
+                    points[key] = []
+                points[key].append((ms, used / 1024))
                 if used or avail:
-                    sized.add((fs, mnt))
+                    sized.add(key)
         # File systems without blocks (proc, sysfs, cgroups) have nothing to plot.
-        lines = []
-        for fs, mnt in mounts:
-            if (fs, mnt) in sized:
-                pts = [(ms, used / 1024) for ms, rows in t.disks
-                       for f, used, _, m in rows if (f, m) == (fs, mnt)]
-                lines.append((f"{mnt} ({fs})", pts))
+        lines = [(f"{mnt} ({fs})" + (f" #{n}" if n > 1 else ""), points[(fs, mnt, n)])
+                 for fs, mnt, n in mounts if (fs, mnt, n) in sized]
         if lines:
             self.plot(plotter, "disk", "Used space per mount", "MiB", lines)
         ms, rows = t.disks[-1]
@@ -582,7 +585,7 @@ class Report:
             return
         self.h("<h2>Helper programs</h2>")
         for h in present:
-            chunks = t.helpers[h]
+            chunks = merge_bursts(t.helpers[h])
             name = NAMES[h]
             with open(os.path.join(self.dir, f"{name}.txt"), "w", encoding="utf-8") as f:
                 for ms, text in chunks:
@@ -592,11 +595,11 @@ class Report:
             self.files.append(f"{name}.txt")
             nbytes = sum(len(x) for _, x in chunks)
             is_open = " open" if len(chunks) <= 200 else ""
-            self.h(f'<details id="helper-{name}"{is_open}><summary><b>{name}</b>: {len(chunks)} records, '
-                   f"{nbytes} bytes</summary>")
+            self.h(f'<details id="helper-{name}"{is_open}><summary><b>{name}</b>: {len(t.helpers[h])} '
+                   f"records, {nbytes} bytes</summary>")
             shown = chunks[-2000:]
             if len(shown) < len(chunks):
-                self.h(f"<p>The last {len(shown)} records; all of them are in {name}.txt.</p>")
+                self.h(f"<p>The last {len(shown)} pieces; all of them are in {name}.txt.</p>")
             self.table(("time (UTC)", "output"),
                        [(stamp(ms), Raw(f"<pre>{html.escape(text)}</pre>")) for ms, text in shown])
             self.h("</details>")
@@ -617,6 +620,20 @@ class Report:
         with open(path, "w", encoding="utf-8") as f:
             f.write(page)
         return path
+
+
+def merge_bursts(chunks, gap_ms=100):
+    """Output that arrived in pieces close together, as one piece: a helper's
+    report reaches the pipe in as many writes as the helper makes."""
+    out = []
+    last = None
+    for ms, text in chunks:
+        if out and ms - last <= gap_ms:
+            out[-1][1] += text
+        else:
+            out.append([ms, text])
+        last = ms
+    return [(ms, text) for ms, text in out]
 
 
 class Raw(str):
@@ -641,6 +658,8 @@ def main(argv=None):
     args = ap.parse_args(argv)
     try:
         trace = load(args.trace)
+        if os.path.exists(args.output) and not os.path.isdir(args.output):
+            raise TraceError(f"{args.output} is not a directory")
         try:
             os.makedirs(args.output, exist_ok=True)
         except OSError as e:

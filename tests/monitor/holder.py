@@ -9,6 +9,7 @@ standard output when it holds what was asked:
   comm NAME     the kernel's short name of the main thread
   leader-exit   the main thread ends; another thread serves the commands, so
                 the process goes on without an executable link
+  memory MIB    holds MIB mebibytes more of touched memory
   exec NAME     runs itself again under the name NAME (argv[0]), keeping
                 every descriptor it holds
 """
@@ -24,6 +25,7 @@ PR_SET_PDEATHSIG = 1
 
 held = []
 kids = []
+held_memory = []
 
 
 def raise_nofile(n):
@@ -70,6 +72,8 @@ def serve(main_tid):
             hold(int(arg), lambda: socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
         elif cmd == "children":
             set_children(int(arg))
+        elif cmd == "memory":
+            held_memory.append(bytearray(b"\1" * (int(arg) << 20)))
         elif cmd == "comm":
             with open(f"/proc/self/task/{main_tid}/comm", "w") as f:
                 f.write(arg)
@@ -86,6 +90,11 @@ def serve(main_tid):
 
 def main():
     main_tid = threading.get_native_id()
+    # The kernel's name of the process (status, stat) as well.
+    with open("/proc/self/cmdline", "rb") as f:
+        argv0 = f.read().split(b"\0")[0]
+    with open("/proc/self/comm", "wb") as f:
+        f.write(os.path.basename(argv0)[:15])
     print("ok", os.getpid(), flush=True)
     if serve(main_tid) == "leader-exit":
         t = threading.Thread(target=serve, args=(main_tid,))

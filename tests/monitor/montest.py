@@ -65,6 +65,33 @@ def ns_pids():
     return sorted(int(n) for n in os.listdir("/proc") if n.isdigit() and int(n) != os.getpid())
 
 
+class Holder:
+    """A holder process started under argv[0] "/holders/NAME"."""
+
+    def __init__(self, name):
+        self.p = subprocess.Popen(["/holders/" + name, os.path.join(HERE, "holder.py")], executable=sys.executable,
+                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        self.pid = self.p.pid
+        self._answer()
+
+    def _answer(self):
+        line = self.p.stdout.readline()
+        assert line == f"ok {self.pid}\n", line
+
+    def do(self, *commands):
+        for c in commands:
+            self.p.stdin.write(c + "\n")
+            self.p.stdin.flush()
+            self._answer()
+        return self
+
+    def stop(self):
+        self.p.kill()
+        self.p.wait()
+        self.p.stdin.close()
+        self.p.stdout.close()
+
+
 class Record:
     __slots__ = ("offset", "type", "length", "ms", "flag", "data")
 

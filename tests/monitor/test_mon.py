@@ -5,41 +5,12 @@ import os
 import re
 import signal
 import subprocess
-import sys
 import unittest
 
 import montest
-from montest import bb, wait_for, read_file
+from montest import Holder, bb, wait_for, read_file
 
 REPORT = "/tmp/dbg-report.txt"
-HOLDER = os.path.join(montest.HERE, "holder.py")
-
-
-class Holder:
-    """A holder process started under argv[0] "/holders/NAME"."""
-
-    def __init__(self, name):
-        self.p = subprocess.Popen(["/holders/" + name, HOLDER], executable=sys.executable,
-                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
-        self.pid = self.p.pid
-        self._answer()
-
-    def _answer(self):
-        line = self.p.stdout.readline()
-        assert line == f"ok {self.pid}\n", line
-
-    def do(self, *commands):
-        for c in commands:
-            self.p.stdin.write(c + "\n")
-            self.p.stdin.flush()
-            self._answer()
-        return self
-
-    def stop(self):
-        self.p.kill()
-        self.p.wait()
-        self.p.stdin.close()
-        self.p.stdout.close()
 
 
 class Mon:
@@ -182,7 +153,7 @@ class MonTest(unittest.TestCase):
                  "the forkstats line")
         # The peak is now 16: 31 children say nothing, 32 do.
         h.do("children 31")
-        wait_for(lambda: f"score=31 nr_childs=31\n" in (mon.report() or ""), "31 children")
+        wait_for(lambda: "score=31 nr_childs=31\n" in (mon.report() or ""), "31 children")
         self.assertEqual(mon.stderr(), line)
         h.do("children 32")
         line2 = f"pid {h.pid} name kids fork_score 32 [+1]\n"
