@@ -378,7 +378,7 @@ class Plotter:
 
 
 CSS = """
-body { font-family: sans-serif; margin: 1.5em auto; max-width: 70em; color: #222; }
+body { font-family: sans-serif; margin: 1.5em auto; padding: 0 1em; max-width: 70em; color: #222; }
 h1 { font-size: 1.5em; margin-bottom: 0.2em; }
 h2 { font-size: 1.2em; border-bottom: 1px solid #ccc; padding-bottom: 0.2em; margin-top: 1.6em; }
 table { border-collapse: collapse; margin: 0.5em 0; font-size: 0.9em; }
@@ -450,10 +450,10 @@ class Report:
                  [(r[0], r[1], r[2], r[3], r[4]) for r in rows])
 
         self.memory(plotter)
-        self.file_handles(plotter)
-        self.disk_usage(plotter)
         self.processes(plotter)
         self.smapstot(plotter)
+        self.file_handles(plotter)
+        self.disk_usage(plotter)
         self.helper_output()
         self.snapshots()
         self.h("<h2>Files</h2><p>CSV files beside this report: "
@@ -487,9 +487,11 @@ class Report:
         if not t.filenr:
             return
         self.h("<h2>File handles (/proc/sys/fs/file-nr)</h2>")
-        self.plot(plotter, "filenr", "Open file handles", "handles",
-                  [("allocated", [(ms, a) for ms, a, _, _ in t.filenr]),
-                   ("in use", [(ms, a - u) for ms, a, u, _ in t.filenr])])
+        lines = [("allocated", [(ms, a) for ms, a, _, _ in t.filenr])]
+        # Kernels since 2.6 always report 0 unused: then "in use" is "allocated".
+        if any(u for _, _, u, _ in t.filenr):
+            lines.append(("in use", [(ms, a - u) for ms, a, u, _ in t.filenr]))
+        self.plot(plotter, "filenr", "Open file handles", "handles", lines)
         first, last = t.filenr[0], t.filenr[-1]
         self.h(f"<p>Allocated {first[1]} at the start, {last[1]} at the end "
                f"(highest {max(a for _, a, _, _ in t.filenr)}) of at most {last[3]}.</p>")
@@ -522,9 +524,13 @@ class Report:
         if lines:
             self.plot(plotter, "disk", "Used space per mount", "MiB", lines)
         ms, rows = t.disks[-1]
-        self.h(f"<p>Last table, {stamp(ms)} UTC (KiB as the device computes them: "
-               f"products above 4 GiB wrap on the device):</p>")
-        self.table(("file system", "used KiB", "available KiB", "mounted on"), rows, (1, 2))
+        self.h(f"<p>Last table, {stamp(ms)} UTC, file systems with blocks (KiB as the device "
+               f"computes them: products above 4 GiB wrap on the device):</p>")
+        header = ("file system", "used KiB", "available KiB", "mounted on")
+        self.table(header, [r for r in rows if r[1] or r[2]], (1, 2))
+        self.h("<details><summary>The whole table</summary>")
+        self.table(header, rows, (1, 2))
+        self.h("</details>")
         self.csv("diskinfo.csv", ("time_ms", "time_utc", "filesystem", "used_kB", "avail_kB", "mount"),
                  [(ms, stamp(ms), fs, u, a, m) for ms, rows in t.disks for fs, u, a, m in rows])
 

@@ -162,7 +162,9 @@ class ReportOfARealStream(unittest.TestCase):
         self.assertEqual([[int(r["allocated"]), int(r["unused"]), int(r["max"])] for r in rows],
                          want[:len(files)])
         self.assertEqual(series_points(self.page, "series-filenr-allocated"), len(files))
-        self.assertEqual(series_points(self.page, "series-filenr-in_use"), len(files))
+        # The kernel reports no unused handles: one line, no "in use".
+        self.assertTrue(all(r["unused"] == "0" for r in rows))
+        self.assertIsNone(series_points(self.page, "series-filenr-in_use"))
 
     def test_disk_series(self):
         tables = [r for r in self.recs if r.type == 9]
@@ -299,7 +301,7 @@ class BadInput(unittest.TestCase):
         self.assertIn("-o DIR", out)
 
     def test_mutated_streams_never_end_in_a_traceback(self):
-        # Parsing only, in one interpreter: 300 random cuts and byte changes.
+        # Parsing only, in one interpreter: 120 random cuts and byte changes.
         path = os.path.join(self.work, "t")
         with open(path, "wb") as f:
             f.write(STREAM)
@@ -314,7 +316,7 @@ loader.exec_module(rr)
 data = open(sys.argv[2], "rb").read()
 rnd = random.Random(11)
 kinds = {}
-for i in range(300):
+for i in range(120):
     d = bytearray(data[:rnd.randrange(1, len(data))])
     for _ in range(rnd.randrange(0, 4)):
         d[rnd.randrange(len(d))] = rnd.randrange(256)
