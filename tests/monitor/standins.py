@@ -4,32 +4,27 @@ pidstat."""
 import os
 import subprocess
 
-HEARTH = r"""#!/bin/sh
-# Stand-in for the device's main application: says how it was started,
-# then ticks until it is told to stop.
-echo "hearth $*"
+# A device-only helper: says how it was started, then prints LINE every
+# PERIOD seconds until it is told to stop.
+TEMPLATE = r"""#!/bin/sh
+# Stand-in for the device's {what}.
+echo "{name} $*"
 trap 'kill $t 2>/dev/null; exit 0' TERM
 i=0
 while :; do
     i=$((i + 1))
-    echo "hearth tick $i"
-    sleep 0.2 & t=$!
+    echo "{line}"
+    sleep {period} & t=$!
     wait $t
 done
 """
 
-SIGNALPOST = r"""#!/bin/sh
-# Stand-in for the device's event listener.
-echo "signalpost $*"
-trap 'kill $t 2>/dev/null; exit 0' TERM
-i=0
-while :; do
-    i=$((i + 1))
-    echo "event $i button"
-    sleep 0.3 & t=$!
-    wait $t
-done
-"""
+STANDINS = {
+    "hearth": TEMPLATE.format(what="main application", name="hearth", line="hearth tick $i",
+                              period="0.2"),
+    "signalpost": TEMPLATE.format(what="event listener", name="signalpost", line="event $i button",
+                                  period="0.3"),
+}
 
 
 def install(base="/run/standins"):
@@ -41,7 +36,7 @@ def install(base="/run/standins"):
     up, work = base + "/up", base + "/work"
     os.makedirs(up, exist_ok=True)
     os.makedirs(work, exist_ok=True)
-    for name, text in (("hearth", HEARTH), ("signalpost", SIGNALPOST)):
+    for name, text in STANDINS.items():
         with open(f"{up}/{name}", "w") as f:
             f.write(text)
         os.chmod(f"{up}/{name}", 0o755)

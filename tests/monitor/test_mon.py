@@ -37,6 +37,10 @@ class Mon:
             return m and int(m.group(1), 16) >= n and int(m.group(1), 16)
         return wait_for(done, f"report of round {n}")
 
+    def more_rounds(self, n):
+        """Waits until n more rounds than the one in place are done."""
+        self.round_done(self.round_done(0) + n)
+
     def stop(self):
         self.p.send_signal(signal.SIGINT)
         out, _ = self.p.communicate(timeout=60)
@@ -111,8 +115,7 @@ class MonTest(unittest.TestCase):
         h.do(f"files {97 * 32 - 3}")
         wait_for(lambda: f"fdstats for pid={h.pid} score=97:\n" in (mon.report() or ""),
                  "score 97 in the report")
-        n = mon.round_done(0)
-        mon.round_done(n + 1)
+        mon.more_rounds(1)
         self.assertEqual(mon.stderr(), first)
         h.do(f"files {98 * 32 - 3}")
         second = f"pid {h.pid} name fdgrow fd_score 98 [+1] sk=0\n"
@@ -124,8 +127,8 @@ class MonTest(unittest.TestCase):
         h = self.holder("sock").do("sockets 40")
         mon = self.start(50_000)
         # Score 5: neither a line nor a report entry.
-        n = mon.round_done(3)
-        mon.round_done(n + 1)
+        mon.round_done(3)
+        mon.more_rounds(1)
         self.assertEqual(mon.stderr(), "")
         self.assertNotIn(f"pid={h.pid}", mon.report())
         # 256 sockets: score 32 is listed but not above 0 + 32.
@@ -142,8 +145,8 @@ class MonTest(unittest.TestCase):
     def test_sixteen_children(self):
         h = self.holder("kids").do("children 15")
         mon = self.start(50_000)
-        n = mon.round_done(3)
-        mon.round_done(n + 1)
+        mon.round_done(3)
+        mon.more_rounds(1)
         self.assertEqual(mon.stderr(), "")
         self.assertNotIn("forkstats", mon.report())
         h.do("children 16")
@@ -167,8 +170,8 @@ class MonTest(unittest.TestCase):
         h = self.holder("kthr").do("comm kthr", "leader-exit", "children 16")
         wait_for(lambda: not os.path.exists(f"/proc/{h.pid}/exe"), "the main thread's end")
         mon = self.start(50_000)
-        n = mon.round_done(3)
-        mon.round_done(n + 1)
+        mon.round_done(3)
+        mon.more_rounds(1)
         self.assertEqual(mon.stderr(), "")
         self.assertNotIn("forkstats", mon.report())
         h.do("children 32")

@@ -14,44 +14,37 @@ wait_until() {
     done
 }
 
-mon_fd_score() {
-    # A pid namespace of its own: timeout (1), sh (2), the holder and mon.
+# caged_mon HOLDER_ARGS REPORT_LINE: in a pid namespace of its own (timeout,
+# sh, the holder and mon), mon runs until the report has a line starting
+# with REPORT_LINE; prints the holder's "ready PID", mon's stderr and the
+# report lines from REPORT_LINE on (at most two).
+caged_mon() {
     run caged 120 sh -c '
         mount -t tmpfs tmpfs /tmp
-        board_holder files 2100 > /tmp/ready &
+        board_holder $1 > /tmp/ready &
         until [ -s /tmp/ready ]; do sleep 0.05; done
         cat /tmp/ready
         mon 200000 2> /tmp/err &
         m=$!
-        until grep -q "^fdstats" /tmp/dbg-report.txt 2>/dev/null &&
-              grep -q fd_score /tmp/err; do sleep 0.05; done
+        until grep -q "^$2" /tmp/dbg-report.txt 2>/dev/null && [ -s /tmp/err ]; do sleep 0.05; done
         kill -INT $m
         wait $m
         echo "mon exit $?"
         cat /tmp/err
-        sed -n "3,4p" /tmp/dbg-report.txt'
+        grep -A1 "^$2" /tmp/dbg-report.txt | head -n 2' sh "$1" "$2"
     want_rc 0
     pid=$(sed -n 's/^ready //p' "$TN_DIR/out")
+}
+
+mon_fd_score() {
+    caged_mon "files 2100" fdstats
     want_out 'ready %s\nmon exit 0\npid %s name board_holder fd_score 65 [+65] sk=0\n\nCleanup and exit.\nfdstats for pid=%s score=65:\n0h nr_fd=2103 nr_sock=0 nr_pipe=0\n' \
         "$pid" "$pid" "$pid"
 }
 
 mon_fork_score() {
-    run caged 120 sh -c '
-        mount -t tmpfs tmpfs /tmp
-        board_holder children 16 > /tmp/ready &
-        until [ -s /tmp/ready ]; do sleep 0.05; done
-        cat /tmp/ready
-        mon 200000 2> /tmp/err &
-        m=$!
-        until grep -q "^forkstats" /tmp/dbg-report.txt 2>/dev/null; do sleep 0.05; done
-        kill -INT $m
-        wait $m
-        cat /tmp/err
-        grep "^forkstats" /tmp/dbg-report.txt'
-    want_rc 0
-    pid=$(sed -n 's/^ready //p' "$TN_DIR/out")
-    want_out 'ready %s\npid %s name board_holder fork_score 16 [+16]\n\nCleanup and exit.\nforkstats for pid=%s: score=16 nr_childs=16\n' \
+    caged_mon "children 16" forkstats
+    want_out 'ready %s\nmon exit 0\npid %s name board_holder fork_score 16 [+16]\n\nCleanup and exit.\nforkstats for pid=%s: score=16 nr_childs=16\n' \
         "$pid" "$pid" "$pid"
 }
 
