@@ -1,6 +1,7 @@
 """Shared pieces of the monitoring system tests: a pid and mount namespace of
 their own, waiting for conditions, and an independent reader of rtrace
 streams (deliberately not the shipped reader)."""
+import argparse
 import os
 import struct
 import subprocess
@@ -27,6 +28,20 @@ def enter_namespace(tag):
     for d in ("/tmp", "/run"):
         subprocess.run(["mount", "-t", "tmpfs", "tmpfs", d], check=True)
     os.makedirs("/run/dbg-cgi", exist_ok=True)
+
+
+def probe_args(*extra):
+    """The --probe path (and the named extra options) from the command line;
+    returns them and the argument vector left for unittest."""
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--probe", required=True)
+    for opt in extra:
+        ap.add_argument(opt, default=None)
+    args, rest = ap.parse_known_args()
+    sys.argv = [sys.argv[0]] + rest
+    argv = bb.setup()
+    values = [os.path.abspath(args.probe)] + [getattr(args, o.lstrip("-")) for o in extra]
+    return values + [argv]
 
 
 def wait_for(cond, what, timeout=60, step=0.01):

@@ -11,6 +11,7 @@ import montest
 from montest import Holder, bb, wait_for, read_file
 
 REPORT = "/tmp/dbg-report.txt"
+PROBE = None
 
 
 class Mon:
@@ -196,6 +197,29 @@ class MonTest(unittest.TestCase):
         rc, _, err = mon.stop()
         self.assertEqual(err, first + second + "\nCleanup and exit.\n")
 
+    def test_daemon_thread_runs_idle_into_the_daemon_report(self):
+        # monitor_thread_run, as the daemon starts it, in monitor_probe.
+        p = subprocess.Popen(bb.command(PROBE, "thread"), stderr=subprocess.PIPE)
+        try:
+            self.assertEqual(p.stderr.readline(), b"monitor thread started\n")
+            path = "/var/run/dbg-cgi/dbg-monitor.txt"
+            # Nothing else in this namespace: the header and an empty line.
+            wait_for(lambda: read_file(path) == "Debug monitor status round=1\n\n", "the daemon's report")
+            idle = []
+            for tid in os.listdir(f"/proc/{p.pid}/task"):
+                out = subprocess.run(["chrt", "-p", tid], stdout=subprocess.PIPE, text=True).stdout
+                if "SCHED_IDLE" in out:
+                    idle.append(tid)
+            self.assertEqual(len(idle), 1)
+            self.assertNotEqual(int(idle[0]), p.pid)
+            # An hour to the next round; the thread sleeps.
+            self.assertIsNone(p.poll())
+            self.assertEqual(os.listdir("/var/run/dbg-cgi"), ["dbg-monitor.txt"])
+        finally:
+            p.kill()
+            p.wait()
+            p.stderr.close()
+
     def test_default_interval_and_report_rename(self):
         mon = Mon.__new__(Mon)
         mon.errpath = "/tmp/mon-default.err"
@@ -213,4 +237,5 @@ class MonTest(unittest.TestCase):
 
 if __name__ == "__main__":
     montest.enter_namespace("mon")
-    bb.main()
+    PROBE, argv = montest.probe_args()
+    unittest.main(argv=argv, verbosity=2)

@@ -4,7 +4,6 @@ memory grows every round), the download stops in the middle of a record, and
 the reader's report must account for every record, plot the series the
 stream holds and write them as CSV.  Cut, damaged and foreign input gets a
 clear message and never a traceback."""
-import argparse
 import csv
 import html
 import os
@@ -12,7 +11,6 @@ import re
 import shutil
 import struct
 import subprocess
-import sys
 import tempfile
 import unittest
 
@@ -336,14 +334,8 @@ print(sorted(kinds.items()))
 
 def main():
     global PROBE, READER, STREAM
-    ap = argparse.ArgumentParser()
-    ap.add_argument("--probe", required=True)
-    ap.add_argument("--reader", default=None)
-    args, rest = ap.parse_known_args()
-    PROBE = os.path.abspath(args.probe)
-    sys.argv = [sys.argv[0]] + rest
-    argv = bb.setup()
-    READER = args.reader or bb.path("bin/rtrace-report")
+    PROBE, READER, argv = montest.probe_args("--reader")
+    READER = READER or bb.path("bin/rtrace-report")
     standins.install()
     STREAM = record_stream()
     unittest.main(argv=argv, verbosity=2)

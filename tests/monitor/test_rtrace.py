@@ -3,11 +3,9 @@ namespace of its own: the record sequence for a known process set, the
 system files and the disk table, helper programs (real iostat and pidstat,
 stand-ins for the device-only ones) and the end of the stream when the
 reader goes away.  The stream is read by the test's own record parser."""
-import argparse
 import os
 import re
 import subprocess
-import sys
 import tempfile
 import unittest
 
@@ -252,12 +250,7 @@ class Rtrace(unittest.TestCase):
 
 def main():
     global PROBE
-    ap = argparse.ArgumentParser()
-    ap.add_argument("--probe", required=True)
-    args, rest = ap.parse_known_args()
-    PROBE = os.path.abspath(args.probe)
-    sys.argv = [sys.argv[0]] + rest
-    argv = bb.setup()
+    PROBE, argv = montest.probe_args()
     standins.install()
     unittest.main(argv=argv, verbosity=2)
 
