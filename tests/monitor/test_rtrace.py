@@ -20,13 +20,23 @@ def cmdline(pid):
     return montest.read_file(f"/proc/{pid}/cmdline", "rb")
 
 
+def parent(pid):
+    stat = montest.read_file(f"/proc/{pid}/stat") or ""
+    return int(stat.rsplit(")", 1)[1].split()[1]) if ")" in stat else None
+
+
 def helper_pids():
+    """The helpers the sampler started, by name (not the children of the
+    stand-in scripts, which look like their shell until they exec)."""
+    names = (b"iostat", b"pidstat", b"hearth", b"signalpost")
     found = {}
     for pid in montest.ns_pids():
         c = cmdline(pid) or b""
-        for name in (b"iostat", b"pidstat", b"hearth", b"signalpost"):
+        for name in names:
             if b"/usr/bin/" + name + b"\0" in c:
-                found[name.decode()] = pid
+                up = cmdline(parent(pid)) or b""
+                if not any(b"/usr/bin/" + n + b"\0" in up for n in names):
+                    found[name.decode()] = pid
     return found
 
 
