@@ -472,6 +472,69 @@ TEST(Live, ThreadsComingAndGoingDuringTheDump)
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
+TEST(Live, AThreadIdDumpsItsWholeProcessWithThatThreadFirst)
+{
+    NEED_PTRACE();
+    Subject s;
+    ASSERT_NO_FATAL_FAILURE(s.start());
+    std::vector<int> all = tasks(s.pid);
+    ASSERT_EQ(all.size(), 3u);
+    int tid = all[0] == s.pid ? all[1] : all[0];
+    Dump d = run_dump(tid);
+    ASSERT_TRUE(WIFEXITED(d.status));
+    EXPECT_EQ(WEXITSTATUS(d.status), 0) << d.report << d.more;
+    Report r = parse_report(d.report);
+    EXPECT_EQ(r.length, d.core.size());
+    std::vector<int> others;
+    for (int t : all)
+        if (t != tid)
+            others.push_back(t);
+    EXPECT_EQ(r.ids, others) << "the leader and the third thread";
+    CoreView v;
+    ASSERT_NO_FATAL_FAILURE(view_core(d.core, &v));
+    ASSERT_EQ(v.threads.size(), 3u);
+    EXPECT_EQ(v.threads[0], tid);
+    expect_released(s.pid);
+    int status;
+    EXPECT_EQ(s.finish(&status), "bye\n");
+}
+
+// A kernel thread: no user memory, and ptrace refuses it.
+int kernel_thread()
+{
+    DIR *d = opendir("/proc");
+    if (!d)
+        return -1;
+    int found = -1;
+    while (dirent *e = readdir(d)) {
+        int pid = atoi(e->d_name);
+        if (pid <= 1)
+            continue;
+        if (status_field(pid, pid, "Kthread") == "1" ||
+            (status_field(pid, pid, "PPid") == "2" && status_field(pid, pid, "VmSize").empty())) {
+            found = pid;
+            break;
+        }
+    }
+    closedir(d);
+    return found;
+}
+
+TEST(Live, AKernelThreadGivesOneLine)
+{
+    NEED_PTRACE();
+    int pid = kernel_thread();
+    if (pid < 0)
+        GTEST_SKIP() << "no kernel thread visible in this pid namespace";
+    Dump d = run_dump(pid);
+    ASSERT_TRUE(WIFEXITED(d.status));
+    EXPECT_EQ(WEXITSTATUS(d.status), 1);
+    EXPECT_EQ(d.report, "memsnap: cannot attach to process " + std::to_string(pid) +
+                            ": Operation not permitted\n");
+    EXPECT_EQ(d.more, "");
+    EXPECT_EQ(d.core, "");
+}
+
 // snap_main in a child process with stdout and stderr on pipes: runs under
 // qemu-user as well (no ptrace is reached).
 Dump run_main(std::vector<std::string> args)
