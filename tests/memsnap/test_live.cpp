@@ -4,6 +4,8 @@
 // tests that dump skip there and run on the emulated board.
 #include "memsnap.h"
 
+#include "report_reader.h"
+
 #include "testutil.h"
 
 #include <gtest/gtest.h>
@@ -131,6 +133,21 @@ struct Subject {
         ASSERT_EQ(sscanf(ready.c_str(), "ready %d %lx %lx", &p, &marker_addr, &text_addr), 3)
             << "subject said: " << ready;
         ASSERT_EQ(p, pid);
+        if (mode)
+            return;
+        // "ready" comes just before the main thread blocks: wait until every
+        // thread sleeps in its parking read.
+        double end = now() + 30;
+        for (;;) {
+            int sleeping = 0;
+            std::vector<int> ts = tasks(pid);
+            for (int t : ts)
+                sleeping += status_field(pid, t, "State")[0] == 'S';
+            if (sleeping == 3 && ts.size() == 3)
+                break;
+            ASSERT_LT(now(), end) << "the subject's threads do not all block";
+            usleep(1000);
+        }
     }
     // Releases the threads; the rest of the output and the exit status.
     std::string finish(int *status)
@@ -168,9 +185,16 @@ void expect_released(int pid, bool stopped_before = false)
             continue;
         EXPECT_EQ(tracer, "0") << "thread " << tid;
         ASSERT_FALSE(state.empty());
-        if (stopped_before)
+        if (stopped_before) {
+            // Let go, a thread of a stopped process runs for a moment and
+            // enters the group stop again.
+            double end = now() + 30;
+            while (state[0] != 'T' && now() < end) {
+                usleep(1000);
+                state = status_field(pid, tid, "State");
+            }
             EXPECT_EQ(state[0], 'T') << "thread " << tid << ": " << state;
-        else
+        } else
             EXPECT_TRUE(state[0] != 't' && state[0] != 'T') << "thread " << tid << ": " << state;
     }
 }
@@ -213,28 +237,12 @@ Dump run_dump(int pid, bool close_out = false, bool as_nobody = false)
     return d;
 }
 
-struct Report {
-    unsigned long long length = 0;
-    std::vector<int> ids;
-};
+typedef ReportLine Report;
 
+// The report line with its ids sorted.
 Report parse_report(const std::string &line)
 {
-    Report r;
-    if (line.size() < 8)
-        return r;
-    char *end;
-    r.length = strtoull(line.c_str() + 8, &end, 10);
-    const char *q = end + 21;
-    // As the toolbox's reader: skip what is not a digit, take a number.
-    while (*q && *q != '\n') {
-        if (*q < '0' || *q > '9') {
-            q++;
-            continue;
-        }
-        r.ids.push_back(static_cast<int>(strtol(q, &end, 10)));
-        q = end;
-    }
+    Report r = read_report(line);
     std::sort(r.ids.begin(), r.ids.end());
     return r;
 }

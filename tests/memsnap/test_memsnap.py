@@ -8,6 +8,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "blackbox"))
@@ -16,17 +17,6 @@ import bb  # noqa: E402
 import gdbcheck  # noqa: E402
 
 SUBJECT = None
-
-
-def status_field(pid, tid, name):
-    try:
-        with open(f"/proc/{pid}/task/{tid}/status") as f:
-            for line in f:
-                if line.startswith(name + ":"):
-                    return line.split(":", 1)[1].strip()
-    except OSError:
-        return None
-    return None
 
 
 def parse_report(line):
@@ -45,6 +35,12 @@ class Subject:
         assert ready[0] == b"ready", ready
         self.pid = int(ready[1])
         assert self.pid == self.p.pid
+        # "ready" comes just before the main thread blocks: wait until every
+        # thread sleeps in its parking read.
+        end = time.time() + 30
+        while not all((bb.status_field(self.pid, "State", t) or "")[:1] == "S" for t in self.tasks()):
+            assert time.time() < end, "the subject's threads do not all block"
+            time.sleep(0.001)
 
     def tasks(self):
         return sorted(int(t) for t in os.listdir(f"/proc/{self.pid}/task"))
@@ -75,8 +71,8 @@ class GdbOpensTheCore(unittest.TestCase):
 
     def released(self):
         for tid in self.subject.tasks():
-            self.assertEqual(status_field(self.subject.pid, tid, "TracerPid"), "0")
-            self.assertNotIn(status_field(self.subject.pid, tid, "State")[0], "tT")
+            self.assertEqual(bb.status_field(self.subject.pid, "TracerPid", tid), "0")
+            self.assertNotIn(bb.status_field(self.subject.pid, "State", tid)[0], "tT")
         rc, out = self.subject.finish()
         self.assertEqual((rc, out), (0, b"bye\n"))
 

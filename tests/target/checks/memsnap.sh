@@ -25,6 +25,18 @@ core_through_a_pipe() {
     [ "$pid" = "$spid" ] || { bad "subject not ready: $(cat subject.out)"; exec 8>&-; return; }
     ntasks=$(ls /proc/$pid/task | wc -l)
     [ "$ntasks" = 3 ] || bad "subject has $ntasks threads, want 3"
+    # "ready" comes just before the main thread blocks: wait until every
+    # thread sleeps in its parking read.
+    i=0
+    while [ $i -lt 300 ]; do
+        asleep=0
+        for tid in $(ls /proc/$pid/task); do
+            case $(field $pid $tid State) in S*) asleep=$((asleep + 1)) ;; esac
+        done
+        [ $asleep = 3 ] && break
+        sleep 0.1
+        i=$((i + 1))
+    done
 
     # Standard output is a pipe, as in the toolbox.
     { "$B/memsnap" -c /dev/stdout "$pid" 2> "$TN_DIR/err"; echo $? > status; } | cat > core
