@@ -522,6 +522,19 @@ TEST(ProcPlistRemovePid, ErasesFirstOccurrenceFromFirstIndex)
     EXPECT_EQ(std::vector<int32_t>(pids, pids + 5), (std::vector<int32_t>{-1, 7, -1, 9, 5}));
 }
 
+TEST(ProcPlistRemovePid, NegativeFirstIndexStaysInsideTheArray)
+{
+    // The list proper starts at slot 1; slot 0 stands for the memory before it.
+    int32_t storage[] = {9, 5, 9, 7};
+    int32_t *pids = storage + 1;
+    proc_plist_remove_pid(pids, -1, 3, 9);
+    EXPECT_EQ(std::vector<int32_t>(storage, storage + 4), (std::vector<int32_t>{9, 5, -1, 7}));
+    proc_plist_remove_pid(pids, -1000, 3, 5);
+    EXPECT_EQ(std::vector<int32_t>(storage, storage + 4), (std::vector<int32_t>{9, -1, -1, 7}));
+    proc_plist_remove_pid(pids, -1, 0, 7);  // nothing in [first, count) is in the array
+    EXPECT_EQ(std::vector<int32_t>(storage, storage + 4), (std::vector<int32_t>{9, -1, -1, 7}));
+}
+
 TEST(ProcPlistRemovePid, BoundsAndAbsentPid)
 {
     int32_t pids[] = {5, 7, 9};
