@@ -116,7 +116,13 @@ class Tstrace(unittest.TestCase):
         h.stdout.close()
         self.assertEqual(t.returncode, 0, err)
         self.expect_calls(out, h.pid)
-        self.assertNotIn(b"ls(", out)
+        # The command after the pid is ignored: every traced line and listing
+        # belongs to the attached process, and nothing else wrote here.
+        prefixes = set(re.findall(rb"^\[(\d+) ([^\]]*)\]", out, re.M))
+        self.assertEqual(prefixes, {(b"%d" % h.pid, b"trace_helper")}, out)
+        lines = [l for l in out.split(b"\n") if l and not l.startswith(b"[")]
+        fd_lines = [l for l in lines if re.match(rb"^\d+\t", l)]
+        self.assertEqual(lines, fd_lines, out)
 
     @live
     def test_pid_in_other_bases(self):
