@@ -95,6 +95,18 @@ int write_filler(int fd, long long &count, long long max_bytes)
     return 0;
 }
 
+// Whether one of the signals in set is pending.
+bool wake_pending(const sigset_t *set)
+{
+    sigset_t pending;
+    if (sigpending(&pending) != 0)
+        return false;
+    for (int sig = 1; sig < NSIG; sig++)
+        if (sigismember(set, sig) == 1 && sigismember(&pending, sig) == 1)
+            return true;
+    return false;
+}
+
 bool readable(short revents)
 {
     return revents & (POLLIN | POLLHUP | POLLERR);
@@ -200,6 +212,12 @@ int pcap_dump_stoppable(const char *ifname, int out_fd, int max_bytes, int rec_l
         // poll rather than select, so any descriptor number works.
         pollfd fds[2] = {{sock, POLLIN, 0}, {out_fd, POLLIN, 0}};
         int r = ppoll(fds, 2, limit ? &ts : nullptr, masked ? &wait_mask : nullptr);
+        // A wait that found a descriptor ready at once (an output file always
+        // is) takes no signal: let a pending one in here.
+        if (masked && r >= 0 && wake_pending(wake)) {
+            pthread_sigmask(SIG_SETMASK, &wait_mask, nullptr);
+            pthread_sigmask(SIG_BLOCK, wake, nullptr);
+        }
         if (r < 0) {
             if (errno == EINTR)
                 continue;

@@ -397,14 +397,17 @@ void on_usr1(int)
 }
 
 // The stop signal arriving after the flag was checked and before the wait
-// began: it is pending when the wait starts and must end it, on a quiet
-// interface writing into a pipe that never becomes ready.  Run in a child,
-// whose signal state the test may change; a stalled capture is killed at the
-// deadline.
-TEST(PcapDump, StopSignalPendingWhenTheWaitBeginsEndsIt)
+// began: it is pending when the wait starts and must end the capture, on a
+// quiet interface writing into a pipe that never becomes ready (the wait
+// blocks) or into a file that always is (the wait returns at once).  Run in
+// a child, whose signal state the test may change; a stalled capture is
+// killed at the deadline.
+void stop_signal_pending_at_the_wait(bool into_file)
 {
     int p[2];
     ASSERT_EQ(pipe(p), 0);
+    int file = temp_fd();
+    ASSERT_GE(file, 0);
     pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
@@ -417,7 +420,8 @@ TEST(PcapDump, StopSignalPendingWhenTheWaitBeginsEndsIt)
         sigaddset(&wake, SIGUSR1);
         sigprocmask(SIG_BLOCK, &wake, nullptr);
         raise(SIGUSR1);  // pending: the handler has not run, the flag is clear
-        int r = pcap_dump_stoppable("lo", p[1], 0, 0, 0x7fffffff, 0, nullptr, &usr1_stop, &wake);
+        int r = pcap_dump_stoppable("lo", into_file ? file : p[1], 0, 0, 0x7fffffff, 0, nullptr,
+                                    &usr1_stop, &wake);
         // The caller's mask is back: the signal was taken inside the capture.
         sigset_t now;
         sigprocmask(SIG_BLOCK, nullptr, &now);
@@ -431,9 +435,20 @@ TEST(PcapDump, StopSignalPendingWhenTheWaitBeginsEndsIt)
     }
     close(p[0]);
     close(p[1]);
+    close(file);
     ASSERT_EQ(w, child) << "the capture did not end within 60 s";
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST(PcapDump, StopSignalPendingWhenTheWaitBeginsEndsIt)
+{
+    stop_signal_pending_at_the_wait(false);
+}
+
+TEST(PcapDump, StopSignalPendingWithAnAlwaysReadyOutputEndsIt)
+{
+    stop_signal_pending_at_the_wait(true);
 }
 
 // The inode's line of the namespace's packet sockets, "" until there is one.

@@ -43,7 +43,7 @@ def status_field(pid, name):
     return None
 
 
-def wait_for(cond, timeout=10):
+def wait_for(cond, timeout=60):
     end = time.time() + timeout
     while time.time() < end:
         if cond():
@@ -159,7 +159,8 @@ class Tstrace(unittest.TestCase):
             t = subprocess.Popen(bb.command(bb.path("bin/tstrace"), "-p", str(h.pid)),
                                  stdout=subprocess.PIPE)
             self.assertTrue(wait_for(lambda: status_field(h.pid, "TracerPid") == str(t.pid)))
-            time.sleep(0.2)
+            # Attached and resumed: back in its pause.
+            self.assertTrue(wait_for(lambda: (status_field(h.pid, "State") or "?")[0] == "S"))
             t.send_signal(signal.SIGINT)
             t.communicate(timeout=30)
             self.assertEqual(t.returncode, 0)
@@ -176,7 +177,8 @@ class Tstrace(unittest.TestCase):
                              env=helper_env(), stdout=subprocess.PIPE)
         self.assertTrue(wait_for(lambda: bb.children(t.pid)))
         child = bb.children(t.pid)[0]
-        time.sleep(0.2)
+        # Traced and run up to its pause.
+        self.assertTrue(wait_for(lambda: (status_field(child, "State") or "?")[0] == "S"))
         t.send_signal(signal.SIGINT)
         out, _ = t.communicate(timeout=30)
         self.assertEqual(t.returncode, 0)
@@ -194,7 +196,7 @@ class Stopper(unittest.TestCase):
         lines = [s.stdout.readline(), s.stdout.readline()]
         self.assertEqual(lines, [b"stopper: Trapped pid=%d exit code 1\n" % child,
                                  b"stopper: Trapped pid=%d exit code 256\n" % child])
-        time.sleep(0.3)
+        # Both lines came while it is held in its exit.
         self.assertEqual(status_field(child, "State")[0], "t")
         self.assertIsNone(s.poll())
         s.send_signal(signal.SIGINT)
