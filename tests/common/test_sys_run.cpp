@@ -142,7 +142,7 @@ TEST(SysRun, NowaitReturnsWhileTheChildRuns)
 TEST(SysRun, TraceFlagStopsTheChildAtItsExec)
 {
     if (emulated())
-        GTEST_SKIP() << "qemu-user does not emulate ptrace";
+        GTEST_SKIP() << "[qemu-user] qemu-user does not emulate ptrace";
     char *const argv[] = {const_cast<char *>("true"), nullptr};
     int pid = sys_run_nowait("/bin/true", argv, 0, 1, 2, 1);
     ASSERT_GT(pid, 0);

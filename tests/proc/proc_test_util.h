@@ -140,7 +140,7 @@ inline bool proc_root_listable()
 #define SKIP_UNLESS_PROC_ROOT_LISTABLE()                                                      \
     do {                                                                                       \
         if (!proctest::proc_root_listable())                                                   \
-            GTEST_SKIP() << "\"/proc\" lists no processes here (qemu-user -L shadows it with " \
+            GTEST_SKIP() << "[qemu-user] \"/proc\" lists no processes here (qemu-user -L shadows it with " \
                             "the sysroot's empty /proc)";                                      \
     } while (0)
 

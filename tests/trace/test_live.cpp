@@ -35,7 +35,7 @@ using testutil::wait_until;
 #define NEED_PTRACE()                                                                  \
     do {                                                                               \
         if (getenv("TOOLNEST_TEST_EMULATED"))                                          \
-            GTEST_SKIP() << "qemu-user has no ptrace; the emulated board runs this";   \
+            GTEST_SKIP() << "[qemu-user] qemu-user has no ptrace; the emulated board runs this";   \
     } while (0)
 
 int devnull()

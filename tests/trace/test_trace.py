@@ -27,7 +27,7 @@ def live(test):
     @functools.wraps(test)
     def run(self):
         if bb.EMULATOR:
-            self.skipTest("qemu-user has no ptrace")
+            self.skipTest("[qemu-user] qemu-user has no ptrace")
         return test(self)
     return run
 
