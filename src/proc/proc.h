@@ -113,6 +113,10 @@ void proc_append_fdmap(tar *t, const char *member, int32_t pid, int out_fd);
 // a socket gets its description appended.  Returns the total length as
 // snprintf counts it, or the readlink result when below 1.
 int proc_fdinfo_lookup(int32_t pid, int fd, char *buf, size_t size);
+// The same, with the link read relative to dirfd, an open /proc/PID/fd
+// directory of that pid (a caller that describes many descriptors of one
+// process keeps it open and saves the path walk).
+int proc_fdinfo_lookup_at(int dirfd, int32_t pid, int fd, char *buf, size_t size);
 // Description of the socket with this inode from /proc/net/tcp, tcp6 or unix
 // (in that order; pid is not used): snprintf semantics into dst, 0 when the
 // inode is in none of them or is a unix socket without a path.
