@@ -133,20 +133,27 @@ static void read_name(strace_pid_rec *rec, int pid)
 // use: a description is then read relative to it, without the path walk
 // through /proc.  Valid while the pid is traced: its number cannot pass to
 // another process before its end has been seen here, and it is closed then.
+// At most max_open at a time, so that a trace of many processes in the
+// daemon does not take descriptors its other threads need; the rest take
+// the path.
 struct fd_dirs {
     strace_ctx *ctx;
-    int *dirfd;  // per pids entry: -1 not yet opened, -2 cannot be opened
+    int *dirfd;  // per pids entry: -1 not yet opened, -2 not to be opened
+    int open;
+    static constexpr int max_open = 16;
 };
 
 static int dir_fdinfo(void *arg, int pid, int fd, char *buf, int size)
 {
     fd_dirs *d = static_cast<fd_dirs *>(arg);
     int i = strace_find_pid(pid, d->ctx->pids, d->ctx->npids);
-    if (i >= 0 && d->dirfd[i] == -1) {
+    if (i >= 0 && d->dirfd[i] == -1 && d->open < fd_dirs::max_open) {
         char path[32];
         snprintf(path, sizeof path, "/proc/%d/fd", pid);
         int dir = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         d->dirfd[i] = dir >= 0 ? dir : -2;
+        if (dir >= 0)
+            d->open++;
     }
     if (i >= 0 && d->dirfd[i] >= 0)
         return proc_fdinfo_lookup_at(d->dirfd[i], pid, fd, buf, static_cast<size_t>(size));
@@ -155,10 +162,13 @@ static int dir_fdinfo(void *arg, int pid, int fd, char *buf, int size)
 
 static void forget_dir(fd_dirs *d, int i)
 {
-    if (d->dirfd && d->dirfd[i] >= 0)
+    if (!d->dirfd)
+        return;
+    if (d->dirfd[i] >= 0) {
         close(d->dirfd[i]);
-    if (d->dirfd)
-        d->dirfd[i] = -1;
+        d->open--;
+    }
+    d->dirfd[i] = -1;
 }
 
 static int poll_out(strace_ctx *ctx)
@@ -186,7 +196,7 @@ void do_strace(strace_ctx *ctx)
     if (!recs)
         return;
     // Without room for the directory cache descriptions take the path.
-    fd_dirs dirs = {ctx, static_cast<int *>(malloc(static_cast<size_t>(nrecs) * sizeof(int)))};
+    fd_dirs dirs = {ctx, static_cast<int *>(malloc(static_cast<size_t>(nrecs) * sizeof(int))), 0};
     if (dirs.dirfd)
         for (int i = 0; i < nrecs; i++)
             dirs.dirfd[i] = -2;

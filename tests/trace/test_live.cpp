@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <dirent.h>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -26,6 +27,7 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
+#include <vector>
 #include <unistd.h>
 
 namespace {
@@ -421,6 +423,62 @@ TEST(Tracer, BudgetStopsTrace)
     int status = 0;
     EXPECT_EQ(waitpid(pid, &status, 0), pid);
     EXPECT_TRUE(WIFEXITED(status));
+}
+
+int count_open_fds()
+{
+    int n = 0;
+    if (DIR *d = opendir("/proc/self/fd")) {
+        while (readdir(d))
+            n++;
+        closedir(d);
+    }
+    return n;
+}
+
+struct many_seen {
+    std::string text;
+    int baseline = 0, most = 0;
+};
+
+int collect_and_count(void *arg, const char *buf, int len)
+{
+    auto *m = static_cast<many_seen *>(arg);
+    m->text.append(buf, static_cast<size_t>(len));
+    m->most = std::max(m->most, count_open_fds());
+    return 1;
+}
+
+// Many traced processes: each one's descriptors are described right (each
+// process has its own directory), and the tracer holds only a bounded number
+// of directories open however many it traces.
+TEST(Tracer, DescriptionsOfManyTracedProcesses)
+{
+    NEED_PTRACE();
+    const int n = 40;
+    many_seen m;
+    m.baseline = count_open_fds();
+    int32_t pids[n];
+    for (int k = 0; k < n; k++)
+        pids[k] = start_traced("spam", "3");
+    strace_ctx ctx{};
+    ctx.out = collect_and_count;
+    ctx.arg = &m;
+    ctx.flags = STRACE_F_CALLS;
+    ctx.pids = pids;
+    ctx.npids = n;
+    ctx.children = 1;
+    std::vector<int> started(pids, pids + n);
+    do_strace(&ctx);
+    std::string t = unaddress(m.text);
+    for (int pid : started) {
+        // Its writes of 40 bytes go to /dev/null, whatever number it got.
+        std::regex line("\\[" + std::to_string(pid) +
+                        R"( trace_helper\] \[A A\] write\(\d+ /dev/null, "0123456789)");
+        EXPECT_TRUE(std::regex_search(t, line)) << pid;
+        waitpid(pid, nullptr, 0);
+    }
+    EXPECT_LE(m.most, m.baseline + 16 + 2) << "descriptors held while tracing " << n;
 }
 
 TEST(Tracer, LongMessageIsDropped)
