@@ -36,8 +36,12 @@ int run_pcapdump(int argc, char **argv)
     sigemptyset(&sa.sa_mask);
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
+    sigset_t wake;
+    sigemptyset(&wake);
+    sigaddset(&wake, SIGINT);
+    sigaddset(&wake, SIGTERM);
 
-    pcap_dump_stoppable(argv[1], fd, 0, 0, 0x7fffffff, 1, nullptr, &pcapdump_stop);
+    pcap_dump_stoppable(argv[1], fd, 0, 0, 0x7fffffff, 1, nullptr, &pcapdump_stop, &wake);
     close(fd);
     return 0;
 }

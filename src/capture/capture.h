@@ -11,17 +11,18 @@ struct sock_fprog;
 // read, otherwise every record carries rec_len bytes; duration in seconds, 0 =
 // no time limit; promisc non-zero switches the interface to promiscuous mode
 // for the capture (it is switched off at every exit); filter may be null.
-// Returns the bytes written, -errno when the socket cannot be set up, or -1
-// when a write fails.
+// Returns the bytes written (INT_MAX for an unlimited capture that wrote more),
+// -errno when the socket cannot be set up, or -1 when a write fails.
 int pcap_dump(const char *ifname, int out_fd, int max_bytes, int rec_len, int duration,
               int promisc, const sock_fprog *filter);
 
 // As pcap_dump, for a console applet stopped by a signal: the capture ends as
-// if its time were up once *stop is non-zero (set by the signal's handler,
-// installed without SA_RESTART so a wait is cut short).
+// if its time were up once *stop is non-zero.  wake holds the signals whose
+// handlers set it: they are blocked during the capture except inside its
+// wait, so one arriving just after the flag was checked still ends the wait.
 int pcap_dump_stoppable(const char *ifname, int out_fd, int max_bytes, int rec_len,
                         int duration, int promisc, const sock_fprog *filter,
-                        volatile sig_atomic_t *stop);
+                        volatile sig_atomic_t *stop, const sigset_t *wake);
 
 // The socket filter that drops the frames of TCP connection sockfd: a heap
 // block (free it) holding the sock_filter instructions from its start; the

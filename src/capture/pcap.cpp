@@ -9,7 +9,10 @@
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
+#include <limits.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
@@ -49,16 +52,20 @@ static_assert(sizeof(pcap_record_header) == 16);
 constexpr uint32_t pcap_magic = 0xa1b2c3d4;
 constexpr uint32_t pcap_linktype_ethernet = 1;
 
-const char zeros[frame_max] = {};
+// Filler data goes out in frame-sized pieces; the zero tail of a fixed record
+// length beyond the frame buffer (which may be as long as rec_len allows) in
+// large ones.
+constexpr unsigned tail_piece = 65536;
+const char zeros[tail_piece] = {};
 
-// Writes n zero bytes in pieces of at most frame_max.
-int write_zeros(int fd, long long n)
+// Writes n zero bytes in pieces of at most piece bytes.
+int write_zeros(int fd, long long n, unsigned piece = frame_max)
 {
     while (n > 0) {
-        unsigned piece = n < frame_max ? static_cast<unsigned>(n) : frame_max;
-        if (safe_write(fd, zeros, piece) < 0)
+        unsigned len = n < piece ? static_cast<unsigned>(n) : piece;
+        if (safe_write(fd, zeros, len) < 0)
             return -1;
-        n -= piece;
+        n -= len;
     }
     return 0;
 }
@@ -86,6 +93,18 @@ int write_filler(int fd, long long &count, long long max_bytes)
         count += c;
     }
     return 0;
+}
+
+// Whether one of the signals in set is pending.
+bool wake_pending(const sigset_t *set)
+{
+    sigset_t pending;
+    if (sigpending(&pending) != 0)
+        return false;
+    for (int sig = 1; sig < NSIG; sig++)
+        if (sigismember(set, sig) == 1 && sigismember(&pending, sig) == 1)
+            return true;
+    return false;
 }
 
 bool readable(short revents)
@@ -119,7 +138,7 @@ unsigned long ptime()
 
 int pcap_dump_stoppable(const char *ifname, int out_fd, int max_bytes, int rec_len,
                         int duration, int promisc, const sock_fprog *filter,
-                        volatile sig_atomic_t *stop)
+                        volatile sig_atomic_t *stop, const sigset_t *wake)
 {
     sockaddr_ll addr;
     memset(&addr, 0, sizeof addr);
@@ -167,6 +186,19 @@ int pcap_dump_stoppable(const char *ifname, int out_fd, int max_bytes, int rec_l
     const unsigned long limit = duration > 0 ? static_cast<unsigned long>(duration) : 0;
     const unsigned long t0 = ptime();
 
+    // The stop signals stay blocked except inside the wait: one that arrives
+    // after the flag was looked at is then pending and cuts the wait short,
+    // instead of being noticed only with the next frame.
+    sigset_t saved_mask, wait_mask;
+    const bool masked = stop && wake;
+    if (masked) {
+        pthread_sigmask(SIG_BLOCK, wake, &saved_mask);
+        wait_mask = saved_mask;
+        for (int sig = 1; sig < NSIG; sig++)
+            if (sigismember(wake, sig) == 1)
+                sigdelset(&wait_mask, sig);
+    }
+
     while (!failed) {
         if (stop && *stop)
             break;
@@ -179,7 +211,13 @@ int pcap_dump_stoppable(const char *ifname, int out_fd, int max_bytes, int rec_l
         }
         // poll rather than select, so any descriptor number works.
         pollfd fds[2] = {{sock, POLLIN, 0}, {out_fd, POLLIN, 0}};
-        int r = ppoll(fds, 2, limit ? &ts : nullptr, nullptr);
+        int r = ppoll(fds, 2, limit ? &ts : nullptr, masked ? &wait_mask : nullptr);
+        // A wait that found a descriptor ready at once (an output file always
+        // is) takes no signal: let a pending one in here.
+        if (masked && r >= 0 && wake_pending(wake)) {
+            pthread_sigmask(SIG_SETMASK, &wait_mask, nullptr);
+            pthread_sigmask(SIG_BLOCK, wake, nullptr);
+        }
         if (r < 0) {
             if (errno == EINTR)
                 continue;
@@ -221,7 +259,7 @@ int pcap_dump_stoppable(const char *ifname, int out_fd, int max_bytes, int rec_l
         // A fixed length beyond the buffer is completed with zeros.
         long long from_buf = n < frame_max ? n : frame_max;
         if (safe_write(out_fd, buf, static_cast<unsigned>(sizeof rh + from_buf)) < 0 ||
-            write_zeros(out_fd, n - from_buf) < 0) {
+            write_zeros(out_fd, n - from_buf, tail_piece) < 0) {
             failed = true;
             break;
         }
@@ -233,17 +271,23 @@ int pcap_dump_stoppable(const char *ifname, int out_fd, int max_bytes, int rec_l
             failed = true;
     }
 
+    if (masked)
+        pthread_sigmask(SIG_SETMASK, &saved_mask, nullptr);
+
     // Promiscuous mode ends with the capture even if it was on before.
     pcap_set_promisc(sock, ifname, 0);
     int unused = 0;
     setsockopt(sock, SOL_SOCKET, SO_DETACH_FILTER, &unused, sizeof unused);
     close(sock);
-    return failed ? -1 : static_cast<int>(count);
+    if (failed)
+        return -1;
+    // An unlimited capture may pass what an int holds; it still succeeded.
+    return count > INT_MAX ? INT_MAX : static_cast<int>(count);
 }
 
 int pcap_dump(const char *ifname, int out_fd, int max_bytes, int rec_len, int duration,
               int promisc, const sock_fprog *filter)
 {
     return pcap_dump_stoppable(ifname, out_fd, max_bytes, rec_len, duration, promisc, filter,
-                               nullptr);
+                               nullptr, nullptr);
 }

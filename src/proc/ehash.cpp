@@ -1,6 +1,7 @@
 #include "proc.h"
 
 #include <errno.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -44,8 +45,12 @@ ehash *ehash_new(unsigned hint)
     // Past 2^31 buckets the count no longer fits its 32-bit field.
     if (n > 0x80000000u)
         return nullptr;
-    size_t size = offsetof(ehash, buckets) + (static_cast<size_t>(n) + 1) * sizeof(ehash_entry *);
-    ehash *table = static_cast<ehash *>(calloc(1, size));
+    // Worked out in 64 bits: on a 32-bit target a large hint gives a block
+    // size that size_t cannot hold, and a wrapped size would get a tiny block.
+    uint64_t size = offsetof(ehash, buckets) + (n + 1) * sizeof(ehash_entry *);
+    if (size > SIZE_MAX)
+        return nullptr;
+    ehash *table = static_cast<ehash *>(calloc(1, static_cast<size_t>(size)));
     if (table)
         table->nbuckets = static_cast<uint32_t>(n);
     return table;
@@ -88,6 +93,10 @@ void *ehash_lookup_e(ehash *table, const void *key, uint32_t keylen, size_t offs
 
 int ehash_remove(ehash *table, ehash_entry *entry)
 {
+    // A removed entry has no key copy left (its length stays): it is in no
+    // bucket, and its key must not be hashed.
+    if (!entry->key)
+        return -ENOENT;
     ehash_entry **link = &table->buckets[bucket_of(table, entry->key, entry->keylen)];
     while (*link && *link != entry)
         link = &(*link)->next;

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <ctype.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -235,11 +236,24 @@ int proc_skinfo_lookup(int32_t pid, unsigned long inode, char *dst, size_t size)
     return proc_skinfo_lookup_at("/proc/net", inode, dst, size);
 }
 
-int proc_fdinfo_lookup(int32_t pid, int fd, char *buf, size_t size)
+namespace {
+
+// Decimal text of v ending at end; returns where it starts.
+char *decimal(long v, char *end)
 {
-    char path[128];
-    snprintf(path, sizeof path, "/proc/%ld/fd/%d", static_cast<long>(pid), fd);
-    ssize_t n = readlink(path, buf, size ? size - 1 : 0);
+    unsigned long u = v < 0 ? 0ul - static_cast<unsigned long>(v) : static_cast<unsigned long>(v);
+    do {
+        *--end = static_cast<char>('0' + u % 10);
+        u /= 10;
+    } while (u);
+    if (v < 0)
+        *--end = '-';
+    return end;
+}
+
+// The description from the link text readlink gave (n bytes in buf).
+int describe_link(int32_t pid, ssize_t n, char *buf, size_t size)
+{
     if (n < 1)
         return static_cast<int>(n);
     buf[n] = '\0';
@@ -248,4 +262,32 @@ int proc_fdinfo_lookup(int32_t pid, int fd, char *buf, size_t size)
     unsigned long inode = strtoul(buf + 8, nullptr, 10);
     size_t len = static_cast<size_t>(n);
     return static_cast<int>(n) + proc_skinfo_lookup(pid, inode, buf + len, size - len);
+}
+
+} // namespace
+
+int proc_fdinfo_lookup(int32_t pid, int fd, char *buf, size_t size)
+{
+    // "/proc/%ld/fd/%d", made without a format string: the tracer asks at
+    // every system call that has a descriptor argument.
+    char path[64];
+    char num[24];
+    char *end = num + sizeof num;
+    char *fdtext = decimal(fd, end);
+    char *pidtext = decimal(pid, fdtext);
+    size_t pidlen = static_cast<size_t>(fdtext - pidtext), fdlen = static_cast<size_t>(end - fdtext);
+    memcpy(path, "/proc/", 6);
+    memcpy(path + 6, pidtext, pidlen);
+    memcpy(path + 6 + pidlen, "/fd/", 4);
+    memcpy(path + 10 + pidlen, fdtext, fdlen);
+    path[10 + pidlen + fdlen] = '\0';
+    return describe_link(pid, readlink(path, buf, size ? size - 1 : 0), buf, size);
+}
+
+int proc_fdinfo_lookup_at(int dirfd, int32_t pid, int fd, char *buf, size_t size)
+{
+    char num[24];
+    num[sizeof num - 1] = '\0';
+    const char *name = decimal(fd, num + sizeof num - 1);
+    return describe_link(pid, readlinkat(dirfd, name, buf, size ? size - 1 : 0), buf, size);
 }

@@ -29,7 +29,8 @@ struct ehash_iter {
 // h = h * 65599 + byte over the key's bytes, in 32-bit arithmetic.
 uint32_t ehash_hash(const void *key, uint32_t len);
 // An empty table with 16 buckets for a hint of 0, else the smallest power of two
-// above the hint.  Null when it cannot be allocated.
+// above the hint.  Null when it cannot be allocated or its size cannot even be
+// expressed on this target.
 ehash *ehash_new(unsigned hint);
 // Frees the key copies and the table, not the entries.  Accepts null.
 void ehash_free(ehash *table);
@@ -37,7 +38,8 @@ void ehash_free(ehash *table);
 ehash_entry **ehash_insert_e(ehash *table, const void *key, uint32_t keylen, ehash_entry *entry);
 // The record (entry address minus offset) of the newest entry with this key, or null.
 void *ehash_lookup_e(ehash *table, const void *key, uint32_t keylen, size_t offset);
-// 0, or -ENOENT when the entry is not in its bucket.
+// 0, or -ENOENT when the entry is not in its bucket (also when it was removed
+// already).
 int ehash_remove(ehash *table, ehash_entry *entry);
 // The next record (entry minus offset), or null at the end.  Removing the entry
 // the iterator stands on invalidates it: restart from a zeroed iterator.
@@ -79,7 +81,8 @@ int32_t proc_parse_stat_ppid(const char *text, size_t len);
 // Pids of /proc in directory order, leaving out 1, exclude,
 // proc_extra_ignore_pid, the caller and its parent; at most capacity.
 int proc_list(int32_t *pids, int capacity, int32_t exclude);
-// Sets the first slot in [first, count) that holds pid to -1.
+// Sets the first slot in [first, count) that holds pid to -1 (a negative first
+// counts from 0).
 void proc_plist_remove_pid(int32_t *pids, int first, int count, int32_t pid);
 // readlink of the exe link into at most size - 1 bytes; terminated only when
 // it filled all of them (the result delimits a shorter text).  -1 on failure.
@@ -110,6 +113,10 @@ void proc_append_fdmap(tar *t, const char *member, int32_t pid, int out_fd);
 // a socket gets its description appended.  Returns the total length as
 // snprintf counts it, or the readlink result when below 1.
 int proc_fdinfo_lookup(int32_t pid, int fd, char *buf, size_t size);
+// The same, with the link read relative to dirfd, an open /proc/PID/fd
+// directory of that pid (a caller that describes many descriptors of one
+// process keeps it open and saves the path walk).
+int proc_fdinfo_lookup_at(int dirfd, int32_t pid, int fd, char *buf, size_t size);
 // Description of the socket with this inode from /proc/net/tcp, tcp6 or unix
 // (in that order; pid is not used): snprintf semantics into dst, 0 when the
 // inode is in none of them or is a unix socket without a path.

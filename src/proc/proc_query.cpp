@@ -177,7 +177,8 @@ int proc_list(int32_t *pids, int capacity, int32_t exclude)
 
 void proc_plist_remove_pid(int32_t *pids, int first, int count, int32_t pid)
 {
-    for (int i = first; i < count; i++) {
+    // Slots before the array do not exist: a negative first index scans from 0.
+    for (int i = first < 0 ? 0 : first; i < count; i++) {
         if (pids[i] == pid) {
             pids[i] = -1;
             return;

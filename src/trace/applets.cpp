@@ -166,8 +166,12 @@ int run_tracer(int argc, char **argv, const char *usage, void (*on_sigint)(int),
     ctx.npids = 1;
     ctx.children = 1;
     do_strace(&ctx);
-    // Without a child there is nobody to tell; kill(-1) would reach every
-    // process we may signal.
+    // Deliberately no kill(-1, SIGINT) on this path: when the command could
+    // not be started (fork failed, child is -1), do_strace has returned at
+    // once, and a signal to pid -1 would interrupt every process the caller
+    // may signal (for root, the whole system).  Nobody is signalled and
+    // nothing is waited for; the exit status stays 0, with no message of
+    // our own beyond the runner's "fork" one.
     if (child != -1) {
         kill(child, SIGINT);
         waitpid(child, &status, 0);

@@ -19,6 +19,8 @@ namespace {
 
 // Appends like chained snprintf calls: never writes past size, keeps the text
 // NUL-terminated where there is room, and counts what would have been written.
+// Text and numbers are put in directly: a line is made at every system-call
+// stop, and format-string parsing was a good part of the tracer's own time.
 struct fmt_buf {
     char *buf;
     int size;
@@ -27,15 +29,28 @@ struct fmt_buf {
     char *at() { return buf + (pos < size ? pos : size); }
     size_t room() const { return pos < size ? static_cast<size_t>(size - pos) : 0; }
 
-    __attribute__((format(printf, 2, 3))) void add(const char *fmt, ...)
+    // snprintf(at(), room(), "%.*s", n, p) and its count.
+    fmt_buf &put(const char *p, size_t n)
     {
-        va_list ap;
-        va_start(ap, fmt);
-        int n = vsnprintf(at(), room(), fmt, ap);
-        va_end(ap);
-        if (n > 0)
-            pos += n;
+        if (pos < size) {
+            size_t room = static_cast<size_t>(size - pos);
+            size_t k = n < room - 1 ? n : room - 1;
+            memcpy(buf + pos, p, k);
+            buf[pos + static_cast<int>(k)] = '\0';
+        }
+        pos += static_cast<int>(n);
+        return *this;
     }
+    fmt_buf &s(const char *p) { return put(p, strlen(p)); }
+    // "%lu", "%lx" (also "%u", "%x" for values that fit), "%ld" ("%d").
+    fmt_buf &u(unsigned long v) { return digits(v, 10, false); }
+    fmt_buf &x(unsigned long v) { return digits(v, 16, false); }
+    fmt_buf &d(long v)
+    {
+        return v < 0 ? digits(0ul - static_cast<unsigned long>(v), 10, true)
+                     : digits(static_cast<unsigned long>(v), 10, false);
+    }
+
     void addc(char c)
     {
         if (pos < size)
@@ -48,6 +63,21 @@ struct fmt_buf {
     {
         if (n > 0)
             pos += n;
+    }
+
+private:
+    fmt_buf &digits(unsigned long v, unsigned base, bool minus)
+    {
+        char text[3 * sizeof v + 2];
+        char *end = text + sizeof text;
+        char *p = end;
+        do {
+            *--p = "0123456789abcdef"[v % base];
+            v /= base;
+        } while (v);
+        if (minus)
+            *--p = '-';
+        return put(p, static_cast<size_t>(end - p));
     }
 };
 
@@ -124,9 +154,9 @@ int strace_format_fd(int pid, char *buf, int size, int fd, const trace_reader *r
         if (n > static_cast<int>(sizeof tmp) - 1)
             n = sizeof tmp - 1;
         tmp[n] = '\0';
-        o.add("%d %s", fd, tmp);
+        o.d(fd).s(" ").s(tmp);
     } else {
-        o.add("%d", fd);
+        o.d(fd);
     }
     return o.pos;
 }
@@ -141,7 +171,7 @@ int strace_format_string(int pid, char *buf, int size, unsigned long addr, long 
     else if (len == -1 || len >= 65)
         limit = 32;
     else {
-        o.add("\"\"");
+        o.s("\"\"");
         return o.pos;
     }
 
@@ -185,7 +215,7 @@ int strace_format_string(int pid, char *buf, int size, unsigned long addr, long 
         } else if (isprint(c) && !iscntrl(c)) {
             o.addc(static_cast<char>(c));
         } else {
-            o.add("\\x%x", c);
+            o.s("\\x").x(c);
         }
     }
     o.addc('"');
@@ -199,8 +229,15 @@ int strace_format_timespec(int pid, char *buf, int size, unsigned long addr, int
     unsigned long sec, nsec;
     rd->peekdata(rd->arg, pid, addr, &sec);
     rd->peekdata(rd->arg, pid, addr + sizeof(unsigned long), &nsec);
-    o.add("{ %ld, %ld }%s", static_cast<long>(sec), static_cast<long>(nsec), more ? ", " : ")");
+    o.s("{ ").d(static_cast<long>(sec)).s(", ").d(static_cast<long>(nsec)).s(" }").s(more ? ", " : ")");
     return o.pos;
+}
+
+// "%lu, %lu, %lu, %lu, %lu, %lu)": the arguments of a call without a formatter.
+static void raw_args(fmt_buf &o, unsigned long a1, unsigned long a2, unsigned long a3,
+                     unsigned long a4, unsigned long a5, unsigned long a6)
+{
+    o.u(a1).s(", ").u(a2).s(", ").u(a3).s(", ").u(a4).s(", ").u(a5).s(", ").u(a6).s(")");
 }
 
 int strace_format_sockcall(int pid, char *buf, int size, int subcall, unsigned long a1,
@@ -216,45 +253,45 @@ int strace_format_sockcall(int pid, char *buf, int size, int subcall, unsigned l
     };
     switch (subcall) {
     case SYS_SOCKET:
-        o.add("%lu, %lu, %lu)", a1, a2, a3);
+        o.u(a1).s(", ").u(a2).s(", ").u(a3).s(")");
         break;
     case SYS_BIND:
     case SYS_CONNECT:
         fd(a1);
-        o.add(", ");
-        o.add("0x%lx, %ld)", a2, static_cast<long>(a3));
+        o.s(", 0x").x(a2).s(", ").d(static_cast<long>(a3)).s(")");
         break;
     case SYS_SENDTO:
         fd(a1);
-        o.add(", ");
+        o.s(", ");
         str(a2, static_cast<long>(a3));
-        o.add(", %ld, 0x%lx, 0x%lx, %ld)", static_cast<long>(a3), a4, a5, static_cast<long>(a6));
+        o.s(", ").d(static_cast<long>(a3)).s(", 0x").x(a4).s(", 0x").x(a5).s(", ");
+        o.d(static_cast<long>(a6)).s(")");
         break;
     case SYS_RECVFROM:
         fd(a1);
-        o.add(", ");
+        o.s(", ");
         str(a2, static_cast<long>(a3));
-        o.add(", 0x%lx, 0x%lx, 0x%lx)", a4, a5, a6);
+        o.s(", 0x").x(a4).s(", 0x").x(a5).s(", 0x").x(a6).s(")");
         break;
     case SYS_SHUTDOWN:
         fd(a1);
-        o.add(", %ld)", static_cast<long>(a2));
+        o.s(", ").d(static_cast<long>(a2)).s(")");
         break;
     case SYS_SETSOCKOPT:
         fd(a1);
-        o.add(", ");
-        o.add("%ld, %ld, 0x%lx, 0x%lx)", static_cast<long>(a2), static_cast<long>(a3), a4, a5);
+        o.s(", ").d(static_cast<long>(a2)).s(", ").d(static_cast<long>(a3));
+        o.s(", 0x").x(a4).s(", 0x").x(a5).s(")");
         break;
     case SYS_SENDMSG:
         fd(a1);
-        o.add(", 0x%lx, %x)", a2, static_cast<unsigned>(a3));
+        o.s(", 0x").x(a2).s(", ").x(static_cast<unsigned>(a3)).s(")");
         break;
     case SYS_RECVMSG:
         fd(a1);
-        o.add(", 0x%lx, %ld)", a2, static_cast<long>(a3));
+        o.s(", 0x").x(a2).s(", ").d(static_cast<long>(a3)).s(")");
         break;
     default:
-        o.add("%lu, %lu, %lu, %lu, %lu, %lu)", a1, a2, a3, a4, a5, a6);
+        raw_args(o, a1, a2, a3, a4, a5, a6);
         break;
     }
     return o.pos;
@@ -312,12 +349,12 @@ int strace_format_syscall(strace_ctx *ctx, int entry, const char *name, int pid,
         }
     }
 
-    o.add("[%d %s] [%lx %lx] %s(", pid, procname, block[SA_PC], block[SA_RA],
-          name ? name : "(null)");
+    o.s("[").d(pid).s(" ").s(procname).s("] [").x(block[SA_PC]).s(" ").x(block[SA_RA]);
+    o.s("] ").s(name ? name : "(null)").s("(");
 
     switch (kind) {
     case SF_EXIT:
-        o.add("%ld)", static_cast<long>(a1));
+        o.d(static_cast<long>(a1)).s(")");
         if (ctx) {
             // The exit notice may list descriptors through the same buffer:
             // keep this line intact across it.
@@ -335,107 +372,110 @@ int strace_format_syscall(strace_ctx *ctx, int entry, const char *name, int pid,
         break;
     case SF_READ:
         fd(a1);
-        o.add(", ");
+        o.s(", ");
         if (!entry && result > 0)
             str(a2, result);
         else
-            o.add("0x%lx", a2);
-        o.add(", %ld)", static_cast<long>(a3));
+            o.s("0x").x(a2);
+        o.s(", ").d(static_cast<long>(a3)).s(")");
         break;
     case SF_WRITE:
         fd(a1);
-        o.add(", ");
+        o.s(", ");
         str(a2, static_cast<long>(a3));
-        o.add(", %ld)", static_cast<long>(a3));
+        o.s(", ").d(static_cast<long>(a3)).s(")");
         break;
     case SF_OPEN:
         str(a1, -1);
-        o.add(", %ld, %ld)", static_cast<long>(a2), static_cast<long>(a3));
+        o.s(", ").d(static_cast<long>(a2)).s(", ").d(static_cast<long>(a3)).s(")");
         break;
     case SF_OPENAT:
         if (static_cast<int>(a1) == AT_FDCWD)
-            o.add("AT_FDCWD");
+            o.s("AT_FDCWD");
         else
             fd(a1);
-        o.add(", ");
+        o.s(", ");
         str(a2, -1);
-        o.add(", %ld, %ld)", static_cast<long>(a3), static_cast<long>(a4));
+        o.s(", ").d(static_cast<long>(a3)).s(", ").d(static_cast<long>(a4)).s(")");
         break;
     case SF_CLOSE:
         fd(a1);
-        o.add(")");
+        o.s(")");
         break;
     case SF_WAITPID:
         // Decimal behind "0x", as it has always been printed.
-        o.add("0x%ld, 0x%lx, %ld)", static_cast<long>(a1), a2, static_cast<long>(a3));
+        o.s("0x").d(static_cast<long>(a1)).s(", 0x").x(a2).s(", ").d(static_cast<long>(a3));
+        o.s(")");
         break;
     case SF_TIME:
     case SF_BRK:
-        o.add("0x%lx)", a1);
+        o.s("0x").x(a1).s(")");
         break;
     case SF_LSEEK:
         fd(a1);
-        o.add(", %ld, %ld)", static_cast<long>(a2), static_cast<long>(a3));
+        o.s(", ").d(static_cast<long>(a2)).s(", ").d(static_cast<long>(a3)).s(")");
         break;
     case SF_PTRACE: {
         const char *req = ptrace_request_name(a1);
         if (req)
-            o.add("%s, %lu, 0x%lx, 0x%lx)", req, a2, a3, a4);
+            o.s(req);
         else
-            o.add("%ld, %lu, 0x%lx, 0x%lx)", static_cast<long>(a1), a2, a3, a4);
+            o.d(static_cast<long>(a1));
+        o.s(", ").u(a2).s(", 0x").x(a3).s(", 0x").x(a4).s(")");
         break;
     }
     case SF_ACCESS:
         str(a1, -1);
-        o.add(", 0x%x)", static_cast<unsigned>(a2));
+        o.s(", 0x").x(static_cast<unsigned>(a2)).s(")");
         break;
     case SF_IOCTL:
         fd(a1);
-        o.add(", %ld, %lx, %lx, %lx, %lx)", static_cast<long>(a2), a3, a4, a5, a6);
+        o.s(", ").d(static_cast<long>(a2)).s(", ").x(a3).s(", ").x(a4).s(", ").x(a5);
+        o.s(", ").x(a6).s(")");
         break;
     case SF_TIMEOFDAY:
-        o.add("0x%lx, 0x%lx)", a1, a2);
+        o.s("0x").x(a1).s(", 0x").x(a2).s(")");
         break;
     case SF_MMAP:
-        o.add("0x%lx, %lu, 0x%lx, 0x%lx, ", a1, a2, a3, a4);
+        o.s("0x").x(a1).s(", ").u(a2).s(", 0x").x(a3).s(", 0x").x(a4).s(", ");
         fd(a5);
-        o.add(", %lu)", a6);
+        o.s(", ").u(a6).s(")");
         break;
     case SF_MUNMAP:
-        o.add("0x%lx, %lu)", a1, a2);
+        o.s("0x").x(a1).s(", ").u(a2).s(")");
         break;
     case SF_SOCKETCALL:
         sock(static_cast<int>(a1), place[0], place[1], place[2], place[3], place[4], place[5]);
         break;
     case SF_STAT:
         str(a1, -1);
-        o.add(", 0x%lx)", a2);
+        o.s(", 0x").x(a2).s(")");
         break;
     case SF_FSTAT:
         fd(a1);
-        o.add(", 0x%lx)", a2);
+        o.s(", 0x").x(a2).s(")");
         break;
     case SF_NANOSLEEP:
         o.added(strace_format_timespec(pid, o.at(), static_cast<int>(o.room()), a1, 1, rd));
         o.added(strace_format_timespec(pid, o.at(), static_cast<int>(o.room()), a2, 0, rd));
         break;
     case SF_POLL:
-        o.add("0x%lx, %ld, %ld)", a1, static_cast<long>(a2), static_cast<long>(a3));
+        o.s("0x").x(a1).s(", ").d(static_cast<long>(a2)).s(", ").d(static_cast<long>(a3)).s(")");
         break;
     case SF_SOCK:
         sock(subcall, a1, a2, a3, a4, a5, a6);
         break;
     default:
-        o.add("%lu, %lu, %lu, %lu, %lu, %lu)", a1, a2, a3, a4, a5, a6);
+        raw_args(o, a1, a2, a3, a4, a5, a6);
         break;
     }
 
     if (entry)
         return o.pos;
     if (kind == SF_BRK || kind == SF_MMAP)
-        o.add(" = 0x%lx\n", block[SA_RESULT]);
+        o.s(" = 0x").x(block[SA_RESULT]).s("\n");
     else
-        o.add(" = %ld\n", result);
+        o.s(" = ").d(result).s("\n");
     return o.pos;
 }
 

@@ -129,16 +129,59 @@ static void read_name(strace_pid_rec *rec, int pid)
         memmove(rec->name, slash + 1, strlen(slash + 1) + 1);
 }
 
+// The descriptor directories of the traced pids, each opened at its first
+// use: a description is then read relative to it, without the path walk
+// through /proc.  Valid while the pid is traced: its number cannot pass to
+// another process before its end has been seen here, and it is closed then.
+// At most max_open at a time, so that a trace of many processes in the
+// daemon does not take descriptors its other threads need; the rest take
+// the path.
+struct fd_dirs {
+    strace_ctx *ctx;
+    int *dirfd;  // per pids entry: -1 not yet opened, -2 not to be opened
+    int open;
+    static constexpr int max_open = 16;
+};
+
+static int dir_fdinfo(void *arg, int pid, int fd, char *buf, int size)
+{
+    fd_dirs *d = static_cast<fd_dirs *>(arg);
+    int i = strace_find_pid(pid, d->ctx->pids, d->ctx->npids);
+    if (i >= 0 && d->dirfd[i] == -1 && d->open < fd_dirs::max_open) {
+        char path[32];
+        snprintf(path, sizeof path, "/proc/%d/fd", pid);
+        int dir = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        d->dirfd[i] = dir >= 0 ? dir : -2;
+        if (dir >= 0)
+            d->open++;
+    }
+    if (i >= 0 && d->dirfd[i] >= 0)
+        return proc_fdinfo_lookup_at(d->dirfd[i], pid, fd, buf, static_cast<size_t>(size));
+    return proc_fdinfo_lookup(pid, fd, buf, static_cast<size_t>(size));
+}
+
+static void forget_dir(fd_dirs *d, int i)
+{
+    if (!d->dirfd)
+        return;
+    if (d->dirfd[i] >= 0) {
+        close(d->dirfd[i]);
+        d->open--;
+    }
+    d->dirfd[i] = -1;
+}
+
 static int poll_out(strace_ctx *ctx)
 {
     return ctx->out ? ctx->out(ctx->arg, ctx->buf, 0) : 1;
 }
 
-static void drop(strace_ctx *ctx, int i, int pid)
+static void drop(strace_ctx *ctx, fd_dirs *dirs, int i, int pid)
 {
     printf("WARNING: ptrace SYSCALL failed! %d\n", pid);
     trace_detach(pid);
     ctx->pids[i] = -1;
+    forget_dir(dirs, i);
 }
 
 void do_strace(strace_ctx *ctx)
@@ -152,6 +195,16 @@ void do_strace(strace_ctx *ctx)
     recs = static_cast<strace_pid_rec *>(calloc(static_cast<size_t>(nrecs), sizeof *recs));
     if (!recs)
         return;
+    // Without room for the directory cache descriptions take the path.
+    fd_dirs dirs = {ctx, static_cast<int *>(malloc(static_cast<size_t>(nrecs) * sizeof(int))), 0};
+    if (dirs.dirfd)
+        for (int i = 0; i < nrecs; i++)
+            dirs.dirfd[i] = -2;
+    trace_reader rd = trace_ptrace_reader;
+    if (dirs.dirfd) {
+        rd.arg = &dirs;
+        rd.fdinfo = dir_fdinfo;
+    }
 
     pthread_mutex_lock(&strace_lock);
     int active = 0;
@@ -174,11 +227,13 @@ void do_strace(strace_ctx *ctx)
             ctx->pids[i] = -1;
             continue;
         }
+        if (dirs.dirfd)
+            dirs.dirfd[i] = -1;
         trace_setoptions(pid, (ctx->flags & STRACE_F_EXIT)
                                   ? PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACEEXIT
                                   : PTRACE_O_TRACESYSGOOD);
         if (trace_syscall(pid, 0) == -1)
-            drop(ctx, i, pid);
+            drop(ctx, &dirs, i, pid);
         else
             active++;
         read_name(&recs[i], ctx->pids[i]);
@@ -216,6 +271,7 @@ void do_strace(strace_ctx *ctx)
 
         if ((status & 0x7f) == 0) {
             ctx->pids[i] = -1;
+            forget_dir(&dirs, i);
             if (--active == 0)
                 break;
             continue;
@@ -223,6 +279,7 @@ void do_strace(strace_ctx *ctx)
         if (((signed char)((status & 0x7f) + 1) >> 1) > 0) {
             // Killed: the loop ends with ECHILD (or the timer), not here.
             ctx->pids[i] = -1;
+            forget_dir(&dirs, i);
             active--;
             continue;
         }
@@ -236,16 +293,18 @@ void do_strace(strace_ctx *ctx)
                 int n;
                 if (rec->state & 1) {
                     n = arch_dec_syscall_ret(ctx, w, rec->name, ctx->buf, ctx->bufsize,
-                                             &rec->regs, &rec->ret);
+                                             &rec->regs, &rec->ret, &rd);
                     if (n != 0)
                         rec->state &= static_cast<uint8_t>(~1u);
                 } else {
-                    n = arch_dec_syscall(ctx, w, rec->name, ctx->buf, ctx->bufsize, &rec->regs);
+                    n = arch_dec_syscall(ctx, w, rec->name, ctx->buf, ctx->bufsize, &rec->regs,
+                                         &rd);
                     if (n != -1)
                         rec->state |= 1;
                     else
                         n = arch_dec_syscall_ret(ctx, w, rec->name, ctx->buf, ctx->bufsize,
-                                                 &rec->regs, &rec->ret) - 1;
+                                                 &rec->regs, &rec->ret, &rd) -
+                            1;
                 }
                 if (n < 0)
                     n = 0;
@@ -267,7 +326,7 @@ void do_strace(strace_ctx *ctx)
             r = trace_syscall(w, sig);
         }
         if (r == -1)
-            drop(ctx, i, w);
+            drop(ctx, &dirs, i, w);
     }
 
     if (timer != -1 && last != timer) {
@@ -286,6 +345,9 @@ detach:
     }
 out:
     pthread_mutex_unlock(&strace_lock);
+    for (int i = 0; dirs.dirfd && i < nrecs; i++)
+        forget_dir(&dirs, i);
+    free(dirs.dirfd);
     free(ctx->buf);
     ctx->buf = nullptr;
     free(recs);

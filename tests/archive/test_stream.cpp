@@ -80,6 +80,23 @@ TEST_F(Stream, HeaderReportsAFailedWrite)
 
 // ---- stream_http_message ----
 
+// The whole page for a status and a message.
+std::string page(const std::string &status, const std::string &message)
+{
+    return "HTTP/1.0 " + status +
+           "\r\n"
+           "Cache-Control: no-cache\r\n"
+           "Expires: Thu, 01 Dec 1994 16:00:00 GMT\r\n"
+           "Content-Type: text/html\r\n"
+           "\r\n"
+           "<HTML><HEAD></HEAD>\r\n"
+           "<BODY>\r\n" +
+           message +
+           "\r\n"
+           "</BODY></HTML>\r\n"
+           "\r\n";
+}
+
 TEST_F(Stream, MessagePageIsExact)
 {
     Pipe p;
@@ -111,10 +128,31 @@ TEST_F(Stream, MessageInsertsTextVerbatimInOneWrite)
 
 TEST_F(Stream, MessageIgnoresAFailedWrite)
 {
+    // A vanished reader: the page is tried once, whole, and the failure is
+    // left at that; the descriptor stays the caller's.
     Pipe p;
     p.close_r();
-    stream_http_message(p.w, "200 OK", "gone");  // must simply return
-    SUCCEED();
+    iowrap::watch_write(p.w);
+    stream_http_message(p.w, "200 OK", "gone");
+    auto log = iowrap::writes();
+    ASSERT_EQ(log.size(), 1u);
+    EXPECT_EQ(log[0].asked, page("200 OK", "gone").size());
+    EXPECT_EQ(log[0].got, -1);
+    EXPECT_EQ(log[0].err, EPIPE);
+    EXPECT_NE(fcntl(p.w, F_GETFD), -1);
+
+    // Any other error: no retry either, and the next page goes out normally.
+    Pipe q;
+    iowrap::reset();
+    iowrap::watch_write(q.w);
+    iowrap::fail_writes(1, EIO);
+    stream_http_message(q.w, "500 Internal Server Error", "first");
+    stream_http_message(q.w, "200 OK", "second");
+    log = iowrap::writes();
+    ASSERT_EQ(log.size(), 2u);
+    EXPECT_EQ(log[0].got, -1);
+    EXPECT_EQ(log[0].err, EIO);
+    EXPECT_EQ(q.finish(), page("200 OK", "second"));
 }
 
 // ---- stream_pad ----

@@ -46,11 +46,8 @@ class Net:
     def __init__(self, ipv4=True, ipv6=False):
         self.remote = subprocess.Popen(["unshare", "--net", "sleep", "3600"])
         own = os.readlink("/proc/self/ns/net")
-        deadline = time.time() + 10
-        while os.readlink(f"/proc/{self.remote.pid}/ns/net") == own:
-            if time.time() > deadline:
-                raise RuntimeError("second namespace did not come up")
-            time.sleep(0.01)
+        wait_until(lambda: os.readlink(f"/proc/{self.remote.pid}/ns/net") != own,
+                   "the second namespace")
         self.pid = str(self.remote.pid)
         sh(f"ip link add eth0 type veth peer name peer0 netns {self.pid}")
         off = "0" if ipv6 else "1"
@@ -65,7 +62,8 @@ class Net:
             self.rsh(f"ip -6 addr add {REMOTE6}/64 dev peer0 nodad")
         sh("ip link set eth0 up")
         self.rsh("ip link set peer0 up")
-        time.sleep(0.2)
+        # The pair carries frames once both ends are up.
+        wait_until(lambda: read_text("/sys/class/net/eth0/operstate") == "up", "eth0 up")
 
     def rsh(self, cmd):
         subprocess.run(["nsenter", "-t", self.pid, "-n", "sh", "-c", cmd], check=True)
@@ -77,6 +75,23 @@ class Net:
         subprocess.run(["ip", "link", "del", "eth0"], stderr=subprocess.DEVNULL)
         self.remote.kill()
         self.remote.wait()
+
+
+def read_text(path):
+    try:
+        with open(path) as f:
+            return f.read().strip()
+    except OSError:
+        return None
+
+
+def wait_until(cond, what, seconds=60):
+    """Waits for cond() with a generous deadline; fails naming what."""
+    deadline = time.time() + seconds
+    while not cond():
+        if time.time() > deadline:
+            raise AssertionError("timed out waiting for " + what)
+        time.sleep(0.01)
 
 
 def eth0_flags():
@@ -219,12 +234,8 @@ def listening_on(port):
         return f":{port:04X} " in f.read()
 
 
-def wait_file(path, seconds=30):
-    deadline = time.time() + seconds
-    while not os.path.exists(path):
-        if time.time() > deadline:
-            raise AssertionError("timed out waiting for " + path)
-        time.sleep(0.02)
+def wait_file(path):
+    wait_until(lambda: os.path.exists(path), path)
 
 
 def expected_filter(count, local, peer):
@@ -239,6 +250,17 @@ def expected_filter(count, local, peer):
                  (0x06, 0, 0, 0xffffffff)]
     # Little-endian: the device's byte order, and the host's.
     return b"".join(struct.pack("<HBBI", *i) for i in table).hex()
+
+
+def enough_recorded(path):
+    """Whether the capture file holds more than 20 records, 10 of them ICMP
+    echo requests (records are written whole, one write each)."""
+    if not os.path.exists(path) or os.path.getsize(path) < 24:
+        return False
+    _, recs, _ = parse_pcap(path)
+    echo = [r for r in recs if len(r[4]) > 34 and r[4][12:14] == b"\x08\x00" and
+            r[4][23] == 1 and r[4][34] == 8]
+    return len(recs) > 20 and len(echo) >= 10
 
 
 class Base(unittest.TestCase):
@@ -291,9 +313,9 @@ class PcapDump(Base):
     def test_fixed_records_with_traffic(self):
         self.net = Net()
         out = self.path("fixed.pcap")
-        t = Traffic(3 * SLOW)
+        t = Traffic(4 * SLOW)
         try:
-            rc, err = probe("dump", "eth0", out, "400000", "1536", str(2 * SLOW), "1")
+            rc, err = probe("dump", "eth0", out, "400000", "1536", str(3 * SLOW), "1")
         finally:
             t.close()
         self.assertEqual(result_of(err), 400000)
@@ -321,9 +343,10 @@ class PcapDump(Base):
     def test_natural_record_lengths(self):
         self.net = Net()
         out = self.path("natural.pcap")
-        t = Traffic(2 * SLOW)
+        # A limit of N seconds of uptime lasts between N - 1 and N seconds.
+        t = Traffic(4 * SLOW)
         try:
-            rc, err = probe("dump", "eth0", out, "0", "0", str(1 * SLOW), "0")
+            rc, err = probe("dump", "eth0", out, "0", "0", str(3 * SLOW), "0")
         finally:
             t.close()
         n = result_of(err)
@@ -343,10 +366,11 @@ class PcapDump(Base):
         out = self.path("p.pcap")
         p = subprocess.Popen(bb.command(PROBE, "dump", "eth0", out, "0", "0", str(3 * SLOW), "1"),
                              stderr=subprocess.PIPE)
-        time.sleep(1.5 * SLOW)
-        during = eth0_flags()
+        seen = []
+        wait_until(lambda: seen.append(eth0_flags()) or seen[-1] & IFF_PROMISC or
+                   p.poll() is not None, "promiscuous mode or the end of the capture")
         _, err = p.communicate(timeout=60)
-        self.assertTrue(during & IFF_PROMISC, hex(during))
+        self.assertTrue(seen[-1] & IFF_PROMISC, hex(seen[-1]))
         self.assertFalse(eth0_flags() & IFF_PROMISC)
         self.assertEqual(result_of(err.decode()), os.path.getsize(out))
 
@@ -392,8 +416,8 @@ class FilterMe(Base):
         return self.finish(p, sink, other, other_sink, got, size, 9 if ipv6 else 8)
 
     def finish(self, p, sink, other, other_sink, got, size, count):
-        end = time.time() + 2.5 * SLOW
-        while time.time() < end:
+        # The other flow runs as long as the capture does.
+        while p.poll() is None:
             other.sendall(b"o" * 200)
             time.sleep(0.05)
         _, err = p.communicate(timeout=120)
@@ -434,10 +458,7 @@ class FilterMe(Base):
         p = subprocess.Popen(bb.command(PROBE, "accept6", "eth0", "5002", str(size), "1536",
                                         str(3 * SLOW)), stderr=subprocess.PIPE)
         # The dual-stack listener is up once the port answers in /proc/net/tcp6.
-        deadline = time.time() + 60
-        while not listening_on(5002):
-            self.assertLess(time.time(), deadline)
-            time.sleep(0.05)
+        wait_until(lambda: listening_on(5002), "the listener on 5002")
         dialer = self.net.rpopen([sys.executable, "-c", DIALER, LOCAL4, "5002", got])
         other = socket.create_connection((REMOTE4, 5001))
         self.finish(p, dialer, other, other_sink, got, size, 8)
@@ -465,9 +486,10 @@ class Pcapdump(Base):
                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         finally:
             os.umask(old)
-        t = Traffic(30)
+        t = Traffic(120)
         try:
-            time.sleep(2 * SLOW)
+            # Interrupted once the file holds enough of the traffic.
+            wait_until(lambda: enough_recorded(out), "20 records with 10 echo requests")
             self.assertTrue(eth0_flags() & IFF_PROMISC)
             p.send_signal(signal.SIGINT)
             out_text, err_text = p.communicate(timeout=30)

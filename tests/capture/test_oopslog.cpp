@@ -319,7 +319,7 @@ TEST(Oopslog, RealMtdDevice)
 {
     const char *dev = getenv("TOOLNEST_TEST_MTD");
     if (!dev)
-        GTEST_SKIP() << "needs an MTD device the test may overwrite (TOOLNEST_TEST_MTD; "
+        GTEST_SKIP() << "[board] needs an MTD device the test may overwrite (TOOLNEST_TEST_MTD; "
                         "the emulated board provides mtdram)";
     int fd = open(dev, O_RDWR);
     ASSERT_GE(fd, 0) << dev;

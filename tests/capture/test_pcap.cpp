@@ -2,11 +2,14 @@
 // stream layout, exact lengths with filler records, record lengths, limits,
 // write errors, interface flags; pcap_set_promisc and ptime.
 #include "capture.h"
+#include "testutil.h"
 
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
 #include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
 #include <linux/filter.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -18,6 +21,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -26,6 +30,9 @@
 #include <vector>
 
 namespace {
+
+using testutil::wait_until;
+using testutil::waitpid_deadline;
 
 struct record {
     uint32_t sec, usec, incl, orig;
@@ -281,15 +288,19 @@ TEST(PcapDump, NoLimitsEndsWhenReaderCloses)
 {
     int sv[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+    // The reader closes once the capture runs (its header has come).
+    ssize_t header = 0;
     std::thread closer([&] {
-        usleep(300000);
+        unsigned char buf[64];
+        header = read(sv[1], buf, sizeof buf);
         shutdown(sv[1], SHUT_WR);
     });
     int r = pcap_dump("lo", sv[0], 0, 0, 0, 1, nullptr);
     closer.join();
     EXPECT_EQ(r, 24);  // the header, no filler
+    EXPECT_EQ(header, 24);
     unsigned char buf[64];
-    EXPECT_EQ(read(sv[1], buf, sizeof buf), 24);
+    EXPECT_EQ(recv(sv[1], buf, sizeof buf, MSG_DONTWAIT), -1);  // nothing after it
     EXPECT_EQ(lo_flags() & IFF_PROMISC, 0);
     close(sv[0]);
     close(sv[1]);
@@ -310,7 +321,7 @@ TEST(PcapDump, WriteErrorReturnsMinusOneAndRestoresFlags)
     std::thread reader([&] {
         char buf[24];
         read(p[0], buf, sizeof buf);
-        usleep(200000);
+        // Switched on before the header was written.
         EXPECT_NE(lo_flags() & IFF_PROMISC, 0);
         close(p[0]);
     });
@@ -372,10 +383,141 @@ TEST(PcapDump, StopFlagEndsLikeTheTimeLimit)
 {
     volatile sig_atomic_t stop = 1;
     int fd = temp_fd();
-    EXPECT_EQ(pcap_dump_stoppable("lo", fd, 0, 0, 100, 1, nullptr, &stop), 24);
-    EXPECT_EQ(pcap_dump_stoppable("lo", fd, 5000, 0, 100, 1, nullptr, &stop), 5000);
+    EXPECT_EQ(pcap_dump_stoppable("lo", fd, 0, 0, 100, 1, nullptr, &stop, nullptr), 24);
+    EXPECT_EQ(pcap_dump_stoppable("lo", fd, 5000, 0, 100, 1, nullptr, &stop, nullptr), 5000);
     EXPECT_EQ(lo_flags() & IFF_PROMISC, 0);
     close(fd);
+}
+
+volatile sig_atomic_t usr1_stop;
+
+void on_usr1(int)
+{
+    usr1_stop = 1;
+}
+
+// The stop signal arriving after the flag was checked and before the wait
+// began: it is pending when the wait starts and must end the capture, on a
+// quiet interface writing into a pipe that never becomes ready (the wait
+// blocks) or into a file that always is (the wait returns at once).  Run in
+// a child, whose signal state the test may change; a stalled capture is
+// killed at the deadline.
+void stop_signal_pending_at_the_wait(bool into_file)
+{
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    int file = temp_fd();
+    ASSERT_GE(file, 0);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        struct sigaction sa = {};
+        sa.sa_handler = on_usr1;
+        sigemptyset(&sa.sa_mask);
+        sigaction(SIGUSR1, &sa, nullptr);
+        sigset_t wake;
+        sigemptyset(&wake);
+        sigaddset(&wake, SIGUSR1);
+        sigprocmask(SIG_BLOCK, &wake, nullptr);
+        raise(SIGUSR1);  // pending: the handler has not run, the flag is clear
+        int r = pcap_dump_stoppable("lo", into_file ? file : p[1], 0, 0, 0x7fffffff, 0, nullptr,
+                                    &usr1_stop, &wake);
+        // The caller's mask is back: the signal was taken inside the capture.
+        sigset_t now;
+        sigprocmask(SIG_BLOCK, nullptr, &now);
+        _exit(r == 24 && usr1_stop && sigismember(&now, SIGUSR1) == 1 ? 0 : 1);
+    }
+    int status = 0;
+    pid_t w = waitpid_deadline(child, &status, 60);
+    if (w != child) {
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+    }
+    close(p[0]);
+    close(p[1]);
+    close(file);
+    ASSERT_EQ(w, child) << "the capture did not end within 60 s";
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST(PcapDump, StopSignalPendingWhenTheWaitBeginsEndsIt)
+{
+    stop_signal_pending_at_the_wait(false);
+}
+
+TEST(PcapDump, StopSignalPendingWithAnAlwaysReadyOutputEndsIt)
+{
+    stop_signal_pending_at_the_wait(true);
+}
+
+// The inode's line of the namespace's packet sockets, "" until there is one.
+std::string packet_socket_line()
+{
+    FILE *f = fopen("/proc/self/net/packet", "r");
+    if (!f)
+        return "";
+    char line[512];
+    std::string found;
+    if (fgets(line, sizeof line, f) && fgets(line, sizeof line, f))  // header, then ours
+        found = line;
+    fclose(f);
+    return found;
+}
+
+// Column k of a packet socket line: sk RefCnt Type Proto Iface R Rmem User
+// Inode.  Rmem counts bytes of frames queued and not yet read.
+enum { PACKET_IFACE = 4, PACKET_RMEM = 6 };
+long packet_socket_field(const std::string &line, size_t k)
+{
+    std::vector<std::string> fields;
+    size_t at = 0;
+    while (at < line.size()) {
+        size_t start = line.find_first_not_of(" \t\n", at);
+        if (start == std::string::npos)
+            break;
+        size_t end = line.find_first_of(" \t\n", start);
+        fields.push_back(line.substr(start, end - start));
+        at = end;
+    }
+    return fields.size() > k ? std::stol(fields[k]) : -1;
+}
+
+// A capture without size limit that writes more than 2 GiB still reports
+// success: one frame with a fixed record length of INT_MAX is enough.  The
+// output goes to /dev/null; a time limit keeps its always-readable state
+// from ending the capture.
+TEST(PcapDump, CountPastTwoGibIsNotAnError)
+{
+    int out = open("/dev/null", O_RDWR);
+    ASSERT_GE(out, 0);
+    volatile sig_atomic_t stop = 0;
+    int r = 0;
+    std::thread capture(
+        [&] { r = pcap_dump_stoppable("lo", out, 0, INT_MAX, 3600, 0, nullptr, &stop, nullptr); });
+
+    // Once the capture's socket is bound, one datagram (seen twice on lo);
+    // once the socket's queue is empty again the frames are read and their
+    // records go out before the flag is looked at.
+    bool bound = wait_until(
+        [] { return packet_socket_field(packet_socket_line(), PACKET_IFACE) > 0; }, 60);
+    if (bound) {
+        int s = socket(AF_INET, SOCK_DGRAM, 0);
+        sockaddr_in to = {};
+        to.sin_family = AF_INET;
+        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        to.sin_port = htons(9);
+        sendto(s, "x", 1, 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
+        close(s);
+    }
+    bool drained =
+        bound && wait_until([] { return packet_socket_field(packet_socket_line(), PACKET_RMEM) == 0; }, 60);
+    stop = 1;
+    capture.join();
+    close(out);
+    ASSERT_TRUE(bound) << "no packet socket appeared";
+    ASSERT_TRUE(drained) << packet_socket_line();
+    EXPECT_EQ(r, INT_MAX);
 }
 
 TEST(PcapSetPromisc, SetsAndClearsTheFlag)

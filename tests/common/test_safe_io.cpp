@@ -24,6 +24,7 @@ using namespace std::chrono_literals;
 using testutil::file_content;
 using testutil::Pipe;
 using testutil::temp_file;
+using testutil::wait_until;
 
 std::string drain(int fd)
 {
@@ -64,18 +65,23 @@ TEST_F(SafeIo, ReadReturnsShortCountAtEndOfInputThenZero)
 TEST_F(SafeIo, ReadCollectsPiecesUntilTheLengthIsReached)
 {
     Pipe p;
+    iowrap::watch_read(p.r);
+    // Each piece goes in once the one before has been read: every read can
+    // see at most one piece.
     std::thread writer([&] {
         for (int i = 0; i < 3; i++) {
-            std::this_thread::sleep_for(30ms);
+            ASSERT_TRUE(wait_until([&] { return iowrap::reads().size() == size_t(i); }, 60));
             ASSERT_EQ(write(p.w, "abcdefghij", 10), 10);
         }
     });
-    iowrap::watch_read(p.r);
     char buf[30];
     EXPECT_EQ(safe_read(p.r, buf, 30), 30);
     writer.join();
     EXPECT_EQ(std::string(buf, 30), "abcdefghijabcdefghijabcdefghij");
-    EXPECT_GE(iowrap::reads().size(), 2u);
+    auto log = iowrap::reads();
+    ASSERT_EQ(log.size(), 3u);
+    for (const io_call &c : log)
+        EXPECT_EQ(c.got, 10);
 }
 
 TEST_F(SafeIo, ReadRetriesInjectedEintrAndEagain)
@@ -106,12 +112,13 @@ TEST_F(SafeIo, ReadPollsAnEmptyNonBlockingPipe)
 {
     Pipe p;
     ASSERT_EQ(fcntl(p.r, F_SETFL, O_NONBLOCK), 0);
+    iowrap::watch_read(p.r);
+    // The data comes only after the reader found the pipe empty.
     std::thread writer([&] {
-        std::this_thread::sleep_for(50ms);
+        ASSERT_TRUE(wait_until([] { return !iowrap::reads().empty(); }, 60));
         ASSERT_EQ(write(p.w, "late!", 5), 5);
         p.close_w();
     });
-    iowrap::watch_read(p.r);
     char buf[16];
     EXPECT_EQ(safe_read(p.r, buf, 16), 5);
     writer.join();
@@ -134,17 +141,36 @@ TEST_F(SafeIo, ReadSurvivesRealInterruptions)
     ASSERT_EQ(setitimer(ITIMER_REAL, &tick, nullptr), 0);
 
     Pipe p;
+    iowrap::watch_read(p.r);
+    // Each half goes in only after the blocked read was interrupted: once
+    // before the first, and once more after the first half was read.
+    auto interrupted_after = [](size_t calls) {
+        auto log = iowrap::reads();
+        for (size_t i = calls; i < log.size(); i++)
+            if (log[i].err == EINTR)
+                return true;
+        return false;
+    };
     std::thread writer([&] {
         sigset_t set;
         sigemptyset(&set);
         sigaddset(&set, SIGALRM);
         pthread_sigmask(SIG_BLOCK, &set, nullptr);
-        std::this_thread::sleep_for(150ms);
+        ASSERT_TRUE(wait_until([&] { return interrupted_after(0); }, 60));
         ASSERT_EQ(write(p.w, "0123", 4), 4);
-        std::this_thread::sleep_for(50ms);
+        size_t seen = 0;
+        ASSERT_TRUE(wait_until(
+            [&] {
+                auto log = iowrap::reads();
+                for (size_t i = 0; i < log.size(); i++)
+                    if (log[i].got == 4)
+                        seen = i + 1;
+                return seen > 0;
+            },
+            60));
+        ASSERT_TRUE(wait_until([&] { return interrupted_after(seen); }, 60));
         ASSERT_EQ(write(p.w, "4567", 4), 4);
     });
-    iowrap::watch_read(p.r);
     char buf[8];
     int n = safe_read(p.r, buf, 8);
     struct itimerval off = {};
@@ -240,15 +266,22 @@ TEST_F(SafeIo, WriteToAFullNonBlockingPipeWaitsForTheReader)
     ASSERT_EQ(fcntl(p.w, F_SETFL, O_NONBLOCK), 0);
     std::string data = pattern(200000);
     std::string got;
+    iowrap::watch_write(p.w);
+    // Reading starts only once the writer found the pipe full.
     std::thread reader([&] {
+        wait_until(
+            [] {
+                for (auto &c : iowrap::writes())
+                    if (c.err == EAGAIN)
+                        return true;
+                return false;
+            },
+            60);
         char buf[1000];
         ssize_t n;
-        while ((n = read(p.r, buf, sizeof buf)) > 0) {
+        while ((n = read(p.r, buf, sizeof buf)) > 0)
             got.append(buf, static_cast<size_t>(n));
-            std::this_thread::sleep_for(std::chrono::microseconds(100));
-        }
     });
-    iowrap::watch_write(p.w);
     EXPECT_EQ(safe_write(p.w, data.data(), static_cast<unsigned>(data.size())), 200000);
     p.close_w();
     reader.join();

@@ -142,7 +142,7 @@ TEST(SysRun, NowaitReturnsWhileTheChildRuns)
 TEST(SysRun, TraceFlagStopsTheChildAtItsExec)
 {
     if (emulated())
-        GTEST_SKIP() << "qemu-user does not emulate ptrace";
+        GTEST_SKIP() << "[qemu-user] qemu-user does not emulate ptrace";
     char *const argv[] = {const_cast<char *>("true"), nullptr};
     int pid = sys_run_nowait("/bin/true", argv, 0, 1, 2, 1);
     ASSERT_GT(pid, 0);
@@ -164,32 +164,72 @@ TEST(SysRun, TraceFlagStopsTheChildAtItsExec)
 TEST(SysRun, ForkFailureReportsAndSysRunWaitsForAnyChild)
 {
     if (geteuid() != 0)
-        GTEST_SKIP() << "needs root to drop to an unprivileged user";
-    Pipe err;
+        GTEST_SKIP() << "[root] needs root to drop to an unprivileged user";
+    Pipe err, code, release;
     pid_t helper = fork();
     ASSERT_GE(helper, 0);
     if (helper == 0) {
-        // Root ignores RLIMIT_NPROC: become nobody with no process allowance.
+        // Root ignores RLIMIT_NPROC: become nobody first.
         if (setresgid(65534, 65534, 65534) || setresuid(65534, 65534, 65534))
             _exit(10);
+        // A child made before the limit and unrelated to the calls below; it
+        // ends with 42 once the test releases it.
+        pid_t other = fork();
+        if (other < 0)
+            _exit(11);
+        if (other == 0) {
+            release.close_w();
+            err.close_w();
+            code.close_w();
+            char c;
+            (void)!read(release.r, &c, 1);
+            _exit(42);
+        }
+        release.close_r();
+        release.close_w();
         struct rlimit lim = {0, 0};
         if (setrlimit(RLIMIT_NPROC, &lim))
-            _exit(11);
+            _exit(12);
         dup2(err.w, 2);
         char *const argv[] = {const_cast<char *>("true"), nullptr};
         if (sys_run_nowait("/bin/true", argv, 0, 1, 2, 0) != -1)
-            _exit(12);
-        // No child at all: waitpid(-1) fails, the preset status gives 0.
-        if (sys_run("/bin/true", argv, 0, 1, 2, 0) != 0)
             _exit(13);
+        // fork fails, so sys_run waits for any child: it blocks until the
+        // other child ends and returns that child's exit code.
+        int first = sys_run("/bin/true", argv, 0, 1, 2, 0);
+        // Now there is no child at all: waitpid(-1) fails, the preset gives 0.
+        int second = sys_run("/bin/true", argv, 0, 1, 2, 0);
+        int results[2] = {first, second};
+        (void)!write(code.w, results, sizeof results);
         _exit(0);
     }
+    release.close_r();
+    code.close_w();
+    // The helper has entered sys_run when its first "fork" message arrives
+    // twice (sys_run_nowait, then sys_run's own); only then is the other
+    // child released.
+    std::string messages;
+    err.close_w();
+    while (messages.size() < 2 * strlen("fork: Resource temporarily unavailable\n")) {
+        char buf[128];
+        ssize_t n = read(err.r, buf, sizeof buf);
+        if (n <= 0)
+            break;
+        messages.append(buf, static_cast<size_t>(n));
+    }
+    int results[2] = {-1, -1};
+    release.close_w();
+    EXPECT_EQ(read(code.r, results, sizeof results), static_cast<ssize_t>(sizeof results));
     int status = 0;
     ASSERT_EQ(waitpid(helper, &status, 0), helper);
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_EQ(err.finish(),
-              "fork: Resource temporarily unavailable\nfork: Resource temporarily unavailable\n");
+    EXPECT_EQ(results[0], 42);
+    EXPECT_EQ(results[1], 0);
+    messages += err.finish();
+    EXPECT_EQ(messages, "fork: Resource temporarily unavailable\n"
+                        "fork: Resource temporarily unavailable\n"
+                        "fork: Resource temporarily unavailable\n");
 }
 
 } // namespace

@@ -32,7 +32,7 @@ using testutil::Pipe;
 #define NEED_PTRACE()                                                                  \
     do {                                                                               \
         if (getenv("TOOLNEST_TEST_EMULATED"))                                          \
-            GTEST_SKIP() << "qemu-user has no ptrace; the emulated board runs this";   \
+            GTEST_SKIP() << "[qemu-user] qemu-user has no ptrace; the emulated board runs this";   \
     } while (0)
 
 // The build's memsnap, or the installed one on the board (which carries the
@@ -417,7 +417,7 @@ TEST(Live, WithoutPermissionItFailsWithOneLine)
 {
     NEED_PTRACE();
     if (getuid() != 0)
-        GTEST_SKIP() << "needs root to drop to another user";
+        GTEST_SKIP() << "[root] needs root to drop to another user";
     Subject s;
     ASSERT_NO_FATAL_FAILURE(s.start());
     Dump d = run_dump(s.pid, false, true);
@@ -533,7 +533,7 @@ TEST(Live, AKernelThreadGivesOneLine)
     NEED_PTRACE();
     int pid = kernel_thread();
     if (pid < 0)
-        GTEST_SKIP() << "no kernel thread visible in this pid namespace";
+        GTEST_SKIP() << "[pid-namespace] no kernel thread visible in this pid namespace";
     Dump d = run_dump(pid);
     ASSERT_TRUE(WIFEXITED(d.status));
     EXPECT_EQ(WEXITSTATUS(d.status), 1);

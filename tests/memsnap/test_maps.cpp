@@ -86,7 +86,7 @@ TEST(Smaps, ParsesAddressesPermissionsPathsAndFlags)
 TEST(Smaps, OwnMapShowsAFileMappingAndTouchedMemory)
 {
     if (emulated())
-        GTEST_SKIP() << "qemu-user's smaps is the emulator's; the emulated board runs this";
+        GTEST_SKIP() << "[qemu-user] qemu-user's smaps is the emulator's; the emulated board runs this";
     size_t ps = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     char path[] = "/tmp/tn memsnap map XXXXXX";
     int fd = mkstemp(path);
@@ -236,7 +236,7 @@ TEST(DumpKind, AFilterOfZeroKeepsOnlyTheVdso)
 TEST(ReadMem, PagesThatCannotBeReadComeOutAsZeros)
 {
     if (emulated())
-        GTEST_SKIP() << "qemu-user has no faithful /proc/self/mem; the emulated board runs this";
+        GTEST_SKIP() << "[qemu-user] qemu-user has no faithful /proc/self/mem; the emulated board runs this";
     long page = sysconf(_SC_PAGESIZE);
     size_t ps = static_cast<size_t>(page);
     unsigned char *area = static_cast<unsigned char *>(

@@ -48,12 +48,12 @@ struct Child {
     }
 };
 
-// Waits (up to 5 s) until the process sleeps: an exec'd program is only
+// Waits (up to 60 s) until the process sleeps: an exec'd program is only
 // settled once its loader has finished opening and closing libraries.
 inline void wait_sleeping(pid_t pid)
 {
     std::string path = "/proc/" + std::to_string(pid) + "/stat";
-    for (int i = 0; i < 5000; i++) {
+    for (int i = 0; i < 60000; i++) {
         char buf[512];
         int fd = open(path.c_str(), O_RDONLY);
         if (fd < 0)
@@ -140,7 +140,7 @@ inline bool proc_root_listable()
 #define SKIP_UNLESS_PROC_ROOT_LISTABLE()                                                      \
     do {                                                                                       \
         if (!proctest::proc_root_listable())                                                   \
-            GTEST_SKIP() << "\"/proc\" lists no processes here (qemu-user -L shadows it with " \
+            GTEST_SKIP() << "[qemu-user] \"/proc\" lists no processes here (qemu-user -L shadows it with " \
                             "the sysroot's empty /proc)";                                      \
     } while (0)
 

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <errno.h>
+#include <malloc.h>
+#include <stdint.h>
 #include <stddef.h>
 #include <string.h>
 
@@ -55,6 +57,26 @@ TEST(Ehash, AHintBeyondTheLargestTableGivesNull)
 {
     EXPECT_EQ(ehash_new(0xffffffffu), nullptr);
     EXPECT_EQ(ehash_new(0x80000000u), nullptr);
+}
+
+// From a hint of 0x20000000 on, a 32-bit target cannot even express the
+// block size (2^30 + 1 bucket words of 4 bytes); a wrapped size would make
+// calloc hand out a few bytes that claim a huge bucket array.
+TEST(Ehash, AHintWhoseBlockSizeDoesNotFitSizeTGivesNull)
+{
+    for (unsigned hint : {0x20000000u, 0x30000000u, 0x40000000u, 0x7fffffffu}) {
+        uint64_t buckets = 1;
+        while (buckets <= hint)
+            buckets <<= 1;
+        uint64_t need = 2 * sizeof(uint32_t) + (buckets + 1) * sizeof(ehash_entry *);
+        if (need <= SIZE_MAX)
+            continue;  // a 64-bit target can express it; nothing to check there
+        ehash *t = ehash_new(hint);
+        EXPECT_EQ(t, nullptr) << std::hex << "hint 0x" << hint << ": " << t->nbuckets
+                              << " buckets in a block of " << malloc_usable_size(t)
+                              << " bytes";
+        ehash_free(t);
+    }
 }
 
 TEST(Ehash, HashIs65599Multiplicative)
@@ -233,6 +255,29 @@ TEST(Ehash, RemovingAnEntryThatIsNotThereChangesNothing)
     stranger.link.key = &c;
     EXPECT_EQ(ehash_remove(t.t, &stranger.link), -ENOENT);
     EXPECT_EQ(t.t->count, 1u);
+}
+
+TEST(Ehash, RemovingTheSameEntryTwiceGivesEnoent)
+{
+    record r[2] = {};
+    Table t(0);
+    auto [a, b] = colliding(t.t);
+    ehash_insert_e(t.t, &a, 4, &r[0].link);
+    ehash_insert_e(t.t, &b, 4, &r[1].link);
+    EXPECT_EQ(ehash_remove(t.t, &r[0].link), 0);
+    // The key copy is gone; a second removal must not look at it.
+    EXPECT_EQ(ehash_remove(t.t, &r[0].link), -ENOENT);
+    EXPECT_EQ(t.t->count, 1u);
+    EXPECT_EQ(ehash_lookup_e(t.t, &b, 4, LINK), &r[1]);
+
+    // The same for a string key and for the last entry of its bucket.
+    record s = {};
+    ehash_insert_e(t.t, "name", 0, &s.link);
+    EXPECT_EQ(ehash_remove(t.t, &s.link), 0);
+    EXPECT_EQ(ehash_remove(t.t, &s.link), -ENOENT);
+    EXPECT_EQ(ehash_remove(t.t, &r[1].link), 0);
+    EXPECT_EQ(ehash_remove(t.t, &r[1].link), -ENOENT);
+    EXPECT_EQ(t.t->count, 0u);
 }
 
 TEST(Ehash, RemovalDuringIterationWithRestart)

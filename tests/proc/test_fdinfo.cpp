@@ -445,12 +445,12 @@ TEST(ProcFdinfoLookup, TcpOverIpv6Loopback)
 {
     Fd srv(socket(AF_INET6, SOCK_STREAM, 0));
     if (srv.fd < 0)
-        GTEST_SKIP() << "no IPv6 sockets here";
+        GTEST_SKIP() << "[ipv6] no IPv6 sockets here";
     sockaddr_in6 a{};
     a.sin6_family = AF_INET6;
     a.sin6_addr = in6addr_loopback;
     if (bind(srv.fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0)
-        GTEST_SKIP() << "cannot bind ::1: " << strerror(errno);
+        GTEST_SKIP() << "[ipv6] cannot bind ::1: " << strerror(errno);
     ASSERT_EQ(listen(srv.fd, 4), 0);
     socklen_t len = sizeof a;
     getsockname(srv.fd, reinterpret_cast<sockaddr *>(&a), &len);

@@ -352,7 +352,7 @@ TEST(ProcGetPidname, KernelThreadHasStatName)
 {
     std::string stat = read_file("/proc/2/stat");
     if (stat.rfind("2 (kthreadd)", 0) != 0)
-        GTEST_SKIP() << "no kthreadd visible in this pid namespace";
+        GTEST_SKIP() << "[pid-namespace] no kthreadd visible in this pid namespace";
     EXPECT_EQ(read_file("/proc/2/cmdline"), "");
     EXPECT_EQ(pidname(2), "kthreadd");
     EXPECT_EQ(proc_is_kernel_thread(2), 1);
@@ -415,11 +415,11 @@ namespace {
 {
     auto say = [fd](const std::string &m) { (void)!write(fd, m.data(), m.size()); };
     if (unshare(CLONE_NEWPID | CLONE_NEWNS) != 0) {
-        say(std::string("SKIP unshare: ") + strerror(errno));
+        say(std::string("SKIP [unshare] unshare: ") + strerror(errno));
         _exit(0);
     }
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        say(std::string("SKIP mount private: ") + strerror(errno));
+        say(std::string("SKIP [unshare] mount private: ") + strerror(errno));
         _exit(0);
     }
     pid_t init = fork();
@@ -429,7 +429,7 @@ namespace {
     }
     // pid 1 of the namespace.
     if (mount("proc", "/proc", "proc", 0, nullptr) != 0) {
-        say(std::string("SKIP mount proc: ") + strerror(errno));
+        say(std::string("SKIP [unshare] mount proc: ") + strerror(errno));
         _exit(0);
     }
     pid_t a = fork();
@@ -520,6 +520,19 @@ TEST(ProcPlistRemovePid, ErasesFirstOccurrenceFromFirstIndex)
     EXPECT_EQ(std::vector<int32_t>(pids, pids + 5), (std::vector<int32_t>{-1, 7, 5, 9, 5}));
     proc_plist_remove_pid(pids, 1, 5, 5);
     EXPECT_EQ(std::vector<int32_t>(pids, pids + 5), (std::vector<int32_t>{-1, 7, -1, 9, 5}));
+}
+
+TEST(ProcPlistRemovePid, NegativeFirstIndexStaysInsideTheArray)
+{
+    // The list proper starts at slot 1; slot 0 stands for the memory before it.
+    int32_t storage[] = {9, 5, 9, 7};
+    int32_t *pids = storage + 1;
+    proc_plist_remove_pid(pids, -1, 3, 9);
+    EXPECT_EQ(std::vector<int32_t>(storage, storage + 4), (std::vector<int32_t>{9, 5, -1, 7}));
+    proc_plist_remove_pid(pids, -1000, 3, 5);
+    EXPECT_EQ(std::vector<int32_t>(storage, storage + 4), (std::vector<int32_t>{9, -1, -1, 7}));
+    proc_plist_remove_pid(pids, -1, 0, 7);  // nothing in [first, count) is in the array
+    EXPECT_EQ(std::vector<int32_t>(storage, storage + 4), (std::vector<int32_t>{9, -1, -1, 7}));
 }
 
 TEST(ProcPlistRemovePid, BoundsAndAbsentPid)
@@ -733,7 +746,7 @@ char mem_marker[64] = "original contents of the marker buffer";
 TEST(ProcMemPread, ReadsChildMemory)
 {
     if (emulated())
-        GTEST_SKIP() << "qemu-user: guest addresses are not the host addresses /proc/PID/mem uses";
+        GTEST_SKIP() << "[qemu-user] guest addresses are not the host addresses /proc/PID/mem uses";
     int sync[2];
     ASSERT_EQ(pipe(sync), 0);
     pid_t pid = fork();

@@ -4,9 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
+#include <sys/types.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 
 namespace testutil {
 
@@ -77,6 +81,30 @@ inline std::string file_content(int fd)
 {
     lseek(fd, 0, SEEK_SET);
     return read_all(fd);
+}
+
+// Waits until cond() holds, checking every millisecond, for at most seconds:
+// whether it came true.  Deadlines are generous; a loaded machine running
+// sanitizers must never make a correct program miss one.
+template <typename Cond> bool wait_until(Cond cond, int seconds)
+{
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    for (;;) {
+        if (cond())
+            return true;
+        if (std::chrono::steady_clock::now() >= end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+// waitpid(pid, status, 0) that gives up after seconds: pid, or 0 when the
+// process has not changed state by then, or -1.
+inline pid_t waitpid_deadline(pid_t pid, int *status, int seconds)
+{
+    pid_t w = 0;
+    wait_until([&] { return (w = waitpid(pid, status, WNOHANG)) != 0; }, seconds);
+    return w;
 }
 
 } // namespace testutil

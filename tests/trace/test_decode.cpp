@@ -5,10 +5,14 @@
 #include <gtest/gtest.h>
 
 #include <stddef.h>
+#include <stdint.h>
 #include <string>
 #include <sys/syscall.h>
 #if defined(__x86_64__)
 #include <sys/user.h>
+#endif
+#if defined(__mips__)
+#include <asm/ptrace.h>
 #endif
 
 namespace {
@@ -36,17 +40,27 @@ struct call {
 
 #if defined(__mips__)
     static constexpr unsigned long PCV = 0x400100, RAV = 0x400abc;
+    // The registers as the kernel hands them out: PTRACE_PEEKUSER by number,
+    // and PTRACE_GETREGS as struct pt_regs of sign-extended 64-bit words.
+    void set_reg(unsigned long k, unsigned long v)
+    {
+        t.user[k] = v;
+        int64_t wide = static_cast<int32_t>(v);
+        size_t off = k == PC ? offsetof(struct pt_regs, cp0_epc)
+                             : offsetof(struct pt_regs, regs) + 8 * k;
+        memcpy(t.regs_block.data() + off, &wide, sizeof wide);
+    }
     void set(unsigned long nr, unsigned long a1 = 0, unsigned long a2 = 0, unsigned long a3 = 0,
              unsigned long a4 = 0, unsigned long a5 = 0, unsigned long a6 = 0)
     {
-        t.user[2] = nr;
-        t.user[4] = a1;
-        t.user[5] = a2;
-        t.user[6] = a3;
-        t.user[7] = a4;
-        t.user[29] = sp;
-        t.user[31] = RAV;
-        t.user[64] = PCV;
+        set_reg(2, nr);
+        set_reg(4, a1);
+        set_reg(5, a2);
+        set_reg(6, a3);
+        set_reg(7, a4);
+        set_reg(29, sp);
+        set_reg(31, RAV);
+        set_reg(PC, PCV);
         t.put_word(sp + 16, a5);
         t.put_word(sp + 20, a6);
     }
@@ -287,20 +301,52 @@ TEST(DecodeO32, RegisterSnapshotAndStackArguments)
     EXPECT_EQ(c.ret.w[2], 9u);
 }
 
-TEST(DecodeO32, RegisterReadOrder)
+TEST(DecodeO32, OneRegisterReadPerStop)
 {
     call c;
     c.set(__NR_getpid);
     c.t.log.clear();
     c.entry();
-    std::vector<std::string> want = {"getregs", "user 2",  "user 4",  "user 5", "user 6",
-                                     "user 7",  "user 29", "user 31", "user 64"};
-    EXPECT_EQ(c.t.log, want);
-    EXPECT_EQ(c.t.peeks, 2);  // arguments 5 and 6
+    // Entry: the register block alone; arguments 5 and 6 in one bulk read.
+    EXPECT_EQ(c.t.log, std::vector<std::string>{"getregs"});
+    EXPECT_EQ(c.t.bulk_reads, 1);
+    EXPECT_EQ(c.t.peeks, 0);
+    // Return: the result register, and the stack arguments afresh.
     c.t.log.clear();
     c.leave(0);
     EXPECT_EQ(c.t.log, std::vector<std::string>{"user 2"});
-    EXPECT_EQ(c.t.peeks, 4);
+    EXPECT_EQ(c.t.bulk_reads, 2);
+    EXPECT_EQ(c.t.peeks, 0);
+}
+
+TEST(DecodeO32, StackArgumentsWordByWordWithoutBulkRead)
+{
+    // No bulk reader, or a stack the bulk read cannot cover: PEEKDATA per
+    // word, a failed word reading as -1.
+    call c;
+    c.t.bulk = false;
+    c.set(4300, 1, 2, 3, 4, 55, 66);
+    EXPECT_EQ(c.entry(), c.prefix(syscall_names[300]) + "1, 2, 3, 4, 55, 66)\n");
+    EXPECT_EQ(c.t.peeks, 2);
+
+    call edge;
+    edge.sp = edge.t.base + edge.t.mem.size() - 20;  // sp + 20 lies outside the memory
+    edge.set(4300, 1, 2, 3, 4);
+    edge.t.put_word(edge.sp + 16, 55);
+    EXPECT_EQ(edge.entry(), edge.prefix(syscall_names[300]) + "1, 2, 3, 4, 55, 4294967295)\n");
+    EXPECT_EQ(edge.t.bulk_reads, 1);
+    EXPECT_EQ(edge.t.peeks, 2);
+}
+
+TEST(DecodeO32, SnapshotSlotsHoldWhatPeekuserGives)
+{
+    // Negative values too: the block's words are sign-extended.
+    call c;
+    c.set(__NR_write, static_cast<unsigned long>(-1), 0x80000000ul, 7, 0xfffffff0ul);
+    c.entry();
+    for (unsigned long k : {2ul, 4ul, 5ul, 6ul, 7ul, 29ul, 31ul})
+        EXPECT_EQ(c.regs.w[k], static_cast<uint32_t>(c.t.user[k])) << "register " << k;
+    EXPECT_EQ(c.regs.w[37], static_cast<uint32_t>(c.t.user[PC]));
 }
 
 TEST(DecodeO32, MarkerNumberAndRange)

@@ -14,7 +14,8 @@
 # check:applets, ...).
 #
 # Exit status: 0 when every target test passed, 1 when one failed or the
-# board did not finish in time, 2 for a broken set-up.
+# board did not finish in time, 2 for a broken set-up, 77 (a skip for ctest)
+# when qemu-system-mipsel is not installed.
 set -eu
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -30,6 +31,10 @@ while [ $# -gt 0 ]; do
     esac
     shift
 done
+if ! command -v qemu-system-mipsel >/dev/null 2>&1; then
+    echo "emu: SKIPPED: [qemu-system-mipsel] qemu-system-mipsel is not installed (tools/deps.sh installs it)"
+    exit 77
+fi
 build=$(cd "${1:?usage: run.sh [--shell] [--timeout SECONDS] BUILD [SYSROOT]}" && pwd)
 sysroot=${2:-$src/build/sysroot-mipsel}
 cache=${TOOLNEST_EMU_CACHE:-$src/build/emu-cache}

@@ -9,14 +9,25 @@ promisc_off() {
     [ $((flags & 0x100)) = 0 ] || bad "eth0 still promiscuous (flags $flags)"
 }
 
+promisc_on() {
+    flags=$(cat /sys/class/net/eth0/flags)
+    [ $((flags & 0x100)) != 0 ]
+}
+
 pcapdump_on_eth0() {
     $B/pcapdump eth0 cap.pcap > "$TN_DIR/out" 2> "$TN_DIR/err" &
     pid=$!
-    sleep 0.5
-    flags=$(cat /sys/class/net/eth0/flags)
-    [ $((flags & 0x100)) != 0 ] || bad "eth0 not promiscuous during the capture (flags $flags)"
+    # The capture runs once the interface is promiscuous (set after the bind).
+    i=0
+    until promisc_on || [ $i -ge 600 ]; do sleep 0.1; i=$((i + 1)); done
+    promisc_on || bad "eth0 not promiscuous during the capture (flags $(cat /sys/class/net/eth0/flags))"
     $H send 10.0.0.2 9999 40
-    sleep 0.5
+    # Interrupted once all 40 datagrams are in the file.
+    i=0
+    until $H read cap.pcap 9999 | grep -q ' udp-to-port 40 ' || [ $i -ge 600 ]; do
+        sleep 0.1
+        i=$((i + 1))
+    done
     kill -INT $pid
     wait $pid
     rc=$?

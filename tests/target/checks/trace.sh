@@ -50,7 +50,7 @@ stopper_holds_at_exit() {
     (cd "$helper_dir" && exec $B/stopper ./trace_helper exit1) > "$TN_DIR/out" 2> "$TN_DIR/err" &
     stopper=$!
     i=0
-    until [ "$(grep -c Trapped "$TN_DIR/out")" -ge 2 ] || [ $i -ge 200 ]; do
+    until [ "$(grep -c Trapped "$TN_DIR/out")" -ge 2 ] || [ $i -ge 600 ]; do
         sleep 0.1
         i=$((i + 1))
     done
@@ -58,14 +58,14 @@ stopper_holds_at_exit() {
     printf 'stopper: Trapped pid=%s exit code 1\nstopper: Trapped pid=%s exit code 256\n' \
         "$child" "$child" > "$TN_DIR/want"
     cmp -s "$TN_DIR/want" "$TN_DIR/out" || bad "stdout: $(cat "$TN_DIR/out")"
-    sleep 0.3
+    # The second line comes while it is held in its exit.
     state=$(sed -n 's/^State:\t\(.\).*/\1/p' "/proc/$child/status" 2>/dev/null)
     [ "$state" = t ] || bad "held process in state '$state', want t"
     kill -INT $stopper
     wait $stopper
     rc=$?
     want_rc 0
-    sleep 0.2
+    # stopper has reaped it before it ended.
     [ ! -e "/proc/$child/status" ] || bad "process $child still there after SIGINT"
 }
 

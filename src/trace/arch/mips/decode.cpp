@@ -2,6 +2,7 @@
 // user stack at sp+16 and sp+20.
 #include "trace.h"
 
+#include <stddef.h>
 #include <string.h>
 
 #include <asm/ptrace.h>
@@ -19,6 +20,7 @@ static_assert(sizeof syscall_names / sizeof syscall_names[0] == 932);
 static_assert(__NR_Linux == 4000);
 
 static_assert(sizeof(strace_regs) == 304, "the PTRACE_GETREGS block");
+static_assert(sizeof(struct pt_regs) == sizeof(strace_regs));
 
 namespace {
 enum { R_V0 = 2, R_A0 = 4, R_SP = 29, R_RA = 31, S_PC = 37 };
@@ -36,7 +38,35 @@ unsigned long peekdata(const trace_reader *rd, int pid, unsigned long addr)
     rd->peekdata(rd->arg, pid, addr, &v);
     return v;
 }
+
+// Arguments 5 and 6, the words at sp + 16 and sp + 20: one bulk read when
+// both words can be read that way (the same bytes PTRACE_PEEKDATA gives),
+// else word by word, where a failed read gives -1 as before.
+void stack_args(const trace_reader *rd, int pid, unsigned long sp, unsigned long *a5,
+                unsigned long *a6)
+{
+    uint32_t w[2];
+    if (rd->readmem && rd->readmem(rd->arg, pid, sp + 16, w, sizeof w) == sizeof w) {
+        *a5 = w[0];
+        *a6 = w[1];
+        return;
+    }
+    *a5 = peekdata(rd, pid, sp + 16);
+    *a6 = peekdata(rd, pid, sp + 20);
+}
 } // namespace
+
+// The low word of the 64-bit value at byte offset off of a PTRACE_GETREGS
+// block (the device is little-endian).
+static uint32_t word_at(const strace_regs *r, size_t off)
+{
+    return r->w[off / 4];
+}
+
+static uint32_t gpr(const strace_regs *r, int k)
+{
+    return word_at(r, offsetof(struct pt_regs, regs) + 8 * static_cast<size_t>(k));
+}
 
 int arch_call_format(unsigned long nr, int *subcall)
 {
@@ -85,8 +115,8 @@ int arch_call_format(unsigned long nr, int *subcall)
 static bool o32_block(int pid, const strace_regs *r, unsigned long result,
                       unsigned long *block, const trace_reader *rd)
 {
-    unsigned long a5 = peekdata(rd, pid, r->w[R_SP] + 16);
-    unsigned long a6 = peekdata(rd, pid, r->w[R_SP] + 20);
+    unsigned long a5, a6;
+    stack_args(rd, pid, r->w[R_SP], &a5, &a6);
     unsigned long nr = r->w[R_V0];
     if (nr - 4000 >= 932)
         return false;
@@ -101,10 +131,18 @@ int arch_dec_syscall(strace_ctx *ctx, int pid, const char *procname, char *buf, 
 {
     if (rd->getregs(rd->arg, pid, r->w) == -1)
         return -1;
+    // The one register read of the stop.  PTRACE_GETREGS gives each register
+    // as a 64-bit word (struct pt_regs); the snapshot keeps register k in slot
+    // k and the program counter in slot 37, the values PTRACE_PEEKUSER would
+    // give for them.  Taken out first: the slots overlap the words.
     static const int regs[] = {R_V0, 4, 5, 6, 7, R_SP, R_RA};
-    for (int reg : regs)
-        r->w[reg] = static_cast<uint32_t>(peekuser(rd, pid, static_cast<unsigned long>(reg)));
-    r->w[S_PC] = static_cast<uint32_t>(peekuser(rd, pid, PC));
+    uint32_t value[sizeof regs / sizeof regs[0]];
+    for (size_t k = 0; k < sizeof regs / sizeof regs[0]; k++)
+        value[k] = gpr(r, regs[k]);
+    uint32_t pc = word_at(r, offsetof(struct pt_regs, cp0_epc));
+    for (size_t k = 0; k < sizeof regs / sizeof regs[0]; k++)
+        r->w[regs[k]] = value[k];
+    r->w[S_PC] = pc;
     unsigned long block[SA_WORDS];
     if (!o32_block(pid, r, r->w[R_V0], block, rd))
         return -1;
