@@ -70,6 +70,16 @@ show dev oopslog -r /dev/part/oops
 # The first lines of the device's system report.
 show dev sh -c '/usr/sbin/gen_sysdigest.sh | head -n 12'
 
+# The debug archive the device's web page offers, made once on the console:
+# /proc snapshots, a 5-second trace and capture, the system report, the oops
+# log and a core dump with descriptor map of every process of the device.
+out="$PWD/build/debug-archive.tgz"
+show dev sh -c 'debugar.cgi -d > /tmp/debug.tgz 2>/tmp/debug.err; echo "debugar.cgi -d ended with status $?"'
+dev cat /tmp/debug.tgz > "$out"
+echo "== the archive, $(stat -c %s "$out") bytes compressed: $out"
+show sh -c "tar -tvzf \"$out\" | grep -v -E ' [^ ]*/(proc\\.[0-9-]*|proc)/' "
+show sh -c "tar -xOzf \"$out\" --wildcards '*/strace.log' | head -n 5"
+
 show caged 20 prlimit --nofile=64 -- "$bin/fdleak"
 show caged 20 sh -c "\"$bin/segfault\"; echo \"segfault ended with status \$?\""
 show caged 2 sh -c "prlimit --nproc=16 -- setpriv --reuid=65534 --regid=65534 --clear-groups -- \"$bin/forkbomb\" 50000 | head -n 5"
