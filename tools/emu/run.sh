@@ -73,6 +73,19 @@ set -e
 took=$(($(date +%s) - start))
 
 tr -d '\r' < "$log" | sed -n 's/^TN-RESULT //p' > "$results"
+# Files that checks sent through the console, base64 between TN-ARTIFACT
+# lines, for host-side tests (BUILD/emu/artifacts/NAME).
+rm -rf "$out/artifacts"
+mkdir -p "$out/artifacts"
+tr -d '\r' < "$log" | awk -v dir="$out/artifacts" '
+    /^TN-ARTIFACT-BEGIN / { name = $2; file = dir "/" name ".b64"; printf "" > file; next }
+    /^TN-ARTIFACT-END/ { if (name != "") close(file); name = ""; next }
+    name != "" { print >> file }'
+for f in "$out"/artifacts/*.b64; do
+    [ -e "$f" ] || continue
+    base64 -d "$f" > "${f%.b64}" || echo "emu: artifact $(basename "${f%.b64}") is damaged" >&2
+    rm -f "$f"
+done
 done_line=$(tr -d '\r' < "$log" | grep '^TN-DONE' | tail -n 1 || true)
 begin_line=$(tr -d '\r' < "$log" | grep '^TN-BEGIN' | tail -n 1 || true)
 pass=$(grep -c '^PASS' "$results" || true)
