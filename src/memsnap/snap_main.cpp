@@ -1,0 +1,135 @@
+// memsnap -c FILE PID: the core of process PID into FILE (/dev/stdout for
+// standard output), the report line on standard error first.
+#include "memsnap.h"
+
+#include "common.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
+#include <unistd.h>
+
+namespace {
+
+const char usage[] = "usage: memsnap -c FILE PID\n";
+
+int fail_exit()
+{
+    // One line; the message never starts with a digit, so a reader that
+    // expects the report line finds no length in it.
+    dprintf(2, "memsnap: %s\n", snap_failure());
+    return 1;
+}
+
+unsigned read_filter(int tgid)
+{
+    char path[64], buf[32];
+    snprintf(path, sizeof path, "/proc/%d/coredump_filter", tgid);
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return SNAP_FILTER_DEFAULT;
+    int n = safe_read(fd, buf, sizeof buf - 1);
+    close(fd);
+    if (n <= 0)
+        return SNAP_FILTER_DEFAULT;
+    buf[n] = 0;
+    return static_cast<unsigned>(strtoul(buf, nullptr, 16));
+}
+
+} // namespace
+
+int snap_main(int argc, char **argv)
+{
+    // A reader that goes away must show up as EPIPE and a message, not as a
+    // silent death.
+    signal(SIGPIPE, SIG_IGN);
+
+    if (argc != 4 || strcmp(argv[1], "-c") != 0) {
+        safe_write(2, usage, sizeof usage - 1);
+        return 2;
+    }
+    const char *file = argv[2];
+    char *end;
+    long pid = strtol(argv[3], &end, 10);
+    if (*argv[3] == 0 || *end || pid <= 0 || pid > 0x7fffffff) {
+        safe_write(2, usage, sizeof usage - 1);
+        return 2;
+    }
+    if (pid == getpid()) {
+        snap_fail("cannot dump itself");
+        return fail_exit();
+    }
+
+    // Standard output is used as it is: a socket cannot be reopened by name.
+    unique_fd out;
+    int fd = 1;
+    if (strcmp(file, "/dev/stdout") != 0 && strcmp(file, "-") != 0) {
+        out.reset(open(file, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+        if (!out.valid()) {
+            snap_fail("cannot open %s: %s", file, strerror(errno));
+            return fail_exit();
+        }
+        fd = out.get();
+    }
+
+    snap_threads threads;
+    if (snap_stop_all(&threads, static_cast<int>(pid)) < 0 || snap_read_regs(&threads) < 0)
+        return fail_exit();
+
+    snap_maps maps;
+    snap_proc proc;
+    proc.pid = static_cast<int>(pid);
+    proc.tgid = threads.tgid;
+    proc.pagesize = static_cast<unsigned>(sysconf(_SC_PAGESIZE));
+    proc.threads = &threads;
+    proc.maps = &maps;
+    // Through the task entry of a held thread: a leader that has exited has
+    // no address space of its own any more.
+    int live = snap_live_tid(&threads, proc.pid);
+    char path[96];
+    snprintf(path, sizeof path, "/proc/%d/task/%d/mem", proc.tgid, live);
+    unique_fd mem(open(path, O_RDONLY | O_CLOEXEC));
+    if (!mem.valid()) {
+        snap_fail("process %ld: cannot open its memory: %s", pid, strerror(errno));
+        return fail_exit();
+    }
+    proc.mem_fd = mem.get();
+    snprintf(path, sizeof path, "/proc/%d/task/%d/smaps", proc.tgid, live);
+    unique_fd smaps(open(path, O_RDONLY | O_CLOEXEC));
+    if (!smaps.valid() || snap_parse_smaps(&maps, smaps.get()) < 0) {
+        snap_fail("process %ld: cannot read its memory map: %s", pid, strerror(errno));
+        return fail_exit();
+    }
+    if (snap_read_proc(&proc) < 0)
+        return fail_exit();
+
+    snap_size_mappings(&proc, read_filter(proc.tgid));
+    snap_buf notes;
+    snap_build_notes(&proc, &notes);
+    snap_layout lay;
+    if (snap_plan(&proc, notes.len, &lay) < 0)
+        return fail_exit();
+
+    // The report line, in one write: the length, then the other threads that
+    // this core covers.
+    snap_vec<int> others;
+    for (int i = 0; i < threads.t.n; i++)
+        if (threads.t[i].has_regs && threads.t[i].tid != proc.pid)
+            *others.push() = threads.t[i].tid;
+    char line[SNAP_REPORT_MAX];
+    int len = snap_report_line(line, lay.total, others.v, others.n);
+    if (safe_write(2, line, static_cast<unsigned>(len)) < 0) {
+        snap_fail("cannot write the report line: %s", strerror(errno));
+        return fail_exit();
+    }
+
+    if (snap_write_core(&proc, &notes, &lay, fd) < 0)
+        return fail_exit();
+    threads.detach();
+    if (out.valid() && close(out.release()) < 0) {
+        snap_fail("cannot write the core: %s", strerror(errno));
+        return fail_exit();
+    }
+    return 0;
+}
