@@ -17,6 +17,7 @@ ARGS = None
 # Artifact name -> the check that sends it.
 CORES = {
     "crash-ftp.core.gz": "check:coredump:ftp-upload",
+    "crash-listener.core.gz": "check:coredump:listener-gets-the-core",
 }
 
 
@@ -79,6 +80,9 @@ class BoardCore(unittest.TestCase):
 
     def test_core_uploaded_by_ftp(self):
         self.check_core("crash-ftp.core.gz")
+
+    def test_core_handed_to_the_listener(self):
+        self.check_core("crash-listener.core.gz")
 
 
 def main():

@@ -147,6 +147,78 @@ ftp_stalled_truncates() {
     want_syslog '<12>coredump-handler: coredump truncated.\n'
 }
 
+# The debug service as on a device, its test front end on 10.0.0.1:8080, a
+# browser in the peer namespace waiting for the next core (cmd=coredump).
+daemon_pid() {
+    for c in /proc/[0-9]*/comm; do
+        if [ "$(cat "$c" 2>/dev/null)" = debugar.cgi ]; then
+            p=${c#/proc/}
+            echo "${p%/comm}"
+            return 0
+        fi
+    done
+    return 1
+}
+
+# ended PID: the process is gone or a zombie.
+ended() {
+    state=$(cut -d' ' -f3 "/proc/$1/stat" 2>/dev/null)
+    [ -z "$state" ] || [ "$state" = Z ]
+}
+
+daemon_sockets() {
+    n=0
+    for fd in /proc/"$1"/fd/*; do
+        case $(readlink "$fd" 2>/dev/null) in
+        socket:*) n=$((n + 1)) ;;
+        esac
+    done
+    echo $n
+}
+
+more_sockets() {
+    [ "$(daemon_sockets "$1")" -gt "$2" ]
+}
+
+listener_gets_the_core() {
+    set_up
+    mkdir -p /var/run/dbg-cgi /var/spool/storage/SD_DISK/dumps
+    /usr/bin/debugar.cgi || bad "debugar.cgi: status $?"
+    wait_until 100 daemon_pid >/dev/null || bad "no daemon"
+    dpid=$(daemon_pid)
+    wait_until 100 test -S /var/run/dbg-cgi/ctrl-segf-socket || bad "no crash socket"
+    board_front -a 10.0.0.1 -p 8080 > "$TN_DIR/front.out" 2>&1 &
+    front=$!
+    wait_until 100 grep -q '^listening' "$TN_DIR/front.out" || bad "front end: $(cat "$TN_DIR/front.out")"
+    before=$(daemon_sockets "$dpid")
+    ip netns exec peer board_http 10.0.0.1 8080 '/cgi-bin/debugar.cgi?cmd=coredump' \
+        > "$TN_DIR/listener.out" 2> "$TN_DIR/listener.err" &
+    browser=$!
+    wait_until 100 more_sockets "$dpid" "$before" || bad "the daemon holds no listener"
+    run crash unlimited
+    want_out 'status 139\n'
+    # The handler waits up to 5 s for an answer before it ends its side.
+    wait_until 600 ended "$browser" || bad "the browser still waits"
+    wait "$browser" || bad "board_http: status $? $(cat "$TN_DIR/listener.err")"
+    wait_until 300 handler_gone || bad "the handler is still running"
+    kill "$front" "$dpid"
+    wait "$front"
+    tear_down
+    want_syslog ''
+    head='HTTP/1.0 200 OK\r\nCache-Control: no-cache\r\nExpires: Thu, 01 Dec 1994 16:00:00 GMT\r\nContent-Type: application/octet-stream\r\nContent-Disposition: attachment; filename="core"\r\n\r\n'
+    printf "$head" > "$TN_DIR/head.want"
+    n=$(wc -c < "$TN_DIR/head.want")
+    head -c "$n" "$TN_DIR/listener.out" > "$TN_DIR/head.got"
+    cmp -s "$TN_DIR/head.want" "$TN_DIR/head.got" || bad "response head: $(od -c "$TN_DIR/head.got" | head -n 12)"
+    tail -c +$((n + 1)) "$TN_DIR/listener.out" > core
+    is_mips_core core || bad "not a MIPS core: $(od -An -tx1 -N20 core)"
+    echo "  core of $(wc -c < core) bytes to the listener"
+    echo "TN-ARTIFACT-BEGIN crash-listener.core.gz"
+    gzip -c core | base64
+    echo "TN-ARTIFACT-END"
+}
+
 check limit-zero-disables limit_zero_disables
+check listener-gets-the-core listener_gets_the_core
 check ftp-upload ftp_upload
 check ftp-stalled-truncates ftp_stalled_truncates
