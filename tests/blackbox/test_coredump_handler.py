@@ -60,7 +60,7 @@ class HandlerTest(unittest.TestCase):
     def setUpClass(cls):
         cls.dev = simdev.Device(prefix=bb.PREFIX)
         cls.syslog = devpaths.Syslog(cls.dev)
-        cls.config_path = devpaths.host_path(cls.dev, CONFIG)
+        cls.config_path = cls.dev.host_path(CONFIG)
 
     @classmethod
     def tearDownClass(cls):
@@ -69,7 +69,7 @@ class HandlerTest(unittest.TestCase):
 
     def setUp(self):
         self.set_config(None)
-        sock = devpaths.host_path(self.dev, SOCKET)
+        sock = self.dev.host_path(SOCKET)
         if os.path.lexists(sock):
             os.unlink(sock)
         self.syslog.take()
@@ -307,7 +307,7 @@ class HandOver(HandlerTest):
         stand_in.close()
         import socket as socketmod
         s = socketmod.socket(socketmod.AF_UNIX, socketmod.SOCK_STREAM)
-        path = devpaths.host_path(self.dev, SOCKET)
+        path = self.dev.host_path(SOCKET)
         s.bind(path)
         s.close()  # the file stays, nobody listens
         res = self.handler(*self.ARGS, core=core_bytes(100))

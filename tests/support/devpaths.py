@@ -1,6 +1,6 @@
-"""Reaching into a running simulated device from outside: host paths of
-device paths, the device's syslog, its listening sockets, a real FTP server
-inside it and a stand-in for the crash socket's receiver."""
+"""Reaching into a running simulated device from outside: the device's
+syslog, its listening sockets, a real FTP server inside it and a stand-in
+for the receiver of the crash socket."""
 import os
 import pwd
 import re
@@ -11,36 +11,6 @@ import socket
 import subprocess
 import threading
 import time
-
-
-def host_path(dev, path):
-    """The host path of path inside the device: /proc/INIT/root/..., with the
-    device's symlinks resolved inside the device (an absolute link would
-    otherwise lead back into the machine's own tree)."""
-    root = f"/proc/{dev.init_pid}/root"
-    parts = [p for p in path.split("/") if p]
-    done = []
-    hops = 0
-    while parts:
-        name = parts.pop(0)
-        if name == "..":
-            if done:
-                done.pop()
-            continue
-        if name == ".":
-            continue
-        candidate = root + "/" + "/".join(done + [name])
-        if os.path.islink(candidate):
-            hops += 1
-            if hops > 40:
-                raise OSError(f"too many links in {path}")
-            target = os.readlink(candidate)
-            if target.startswith("/"):
-                done = []
-            parts = [p for p in target.split("/") if p] + parts
-            continue
-        done.append(name)
-    return root + "/" + "/".join(done)
 
 
 def deadline_wait(cond, what, seconds=30):
@@ -60,7 +30,7 @@ class Syslog:
     since the last call."""
 
     def __init__(self, dev):
-        self.path = host_path(dev, "/dev/log")
+        self.path = dev.host_path("/dev/log")
         if os.path.lexists(self.path):
             os.unlink(self.path)
         self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
@@ -111,7 +81,7 @@ class FtpServer:
         FtpServer._next_port += 1
         self.port = FtpServer._next_port
         self.base = f"/tmp/ftp-{self.port}"
-        host_base = host_path(dev, self.base)
+        host_base = dev.host_path(self.base)
         shutil.rmtree(host_base, ignore_errors=True)
         ftp = pwd.getpwnam("ftp")
         os.makedirs(host_base + "/root/upload")
@@ -185,7 +155,7 @@ class CrashSocketStandIn:
     given, runs when expect bytes arrived, before the answer."""
 
     def __init__(self, dev, mode="ack", ack_bytes=b"ok", expect=None, on_core=None):
-        self.path = host_path(dev, "/var/run/dbg-cgi/ctrl-segf-socket")
+        self.path = dev.host_path("/var/run/dbg-cgi/ctrl-segf-socket")
         if os.path.lexists(self.path):
             os.unlink(self.path)
         self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
