@@ -478,6 +478,21 @@ class Ftp(HandlerTest):
         self.assertEqual((res.rc, res.out, res.err, res.logs), (1, b"", b"", []), res)
         self.assertEqual(server.files(), {})
 
+    def test_credentials_in_the_url(self):
+        # "ftp" is the server's anonymous account; local accounts are off.
+        server = self.ftp_server()
+        host = server.url[len("ftp://"):]
+        self.set_config(f"CoreHandler = FTP\n[CoreHandlerFtp]\nTargetURL = ftp://ftp:secret@{host}\n"
+                        "TargetPath = /upload\n")
+        res = self.handler(*self.ARGS, core=core_bytes(900))
+        self.assertEqual(res.rc, 0, res)
+        self.assertEqual(server.files(), {"prog.1234.core": core_bytes(900)})
+        self.set_config(f"CoreHandler = FTP\n[CoreHandlerFtp]\nTargetURL = ftp://root:secret@{host}\n"
+                        "TargetPath = /upload\n")
+        res = self.handler("refused.core", "4294967295", "!usr!bin!prog", "prog", core=core_bytes(900))
+        self.assertEqual((res.rc, res.logs), (1, []), res)
+        self.assertNotIn("refused.core", server.files())
+
     def test_nobody_at_the_address(self):
         self.set_config("CoreHandler = FTP\n[CoreHandlerFtp]\nTargetURL = ftp://127.0.0.1:1\n"
                         "TargetPath = /upload\nTimeout = 5\n")
