@@ -7,6 +7,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -23,6 +24,23 @@ class RealDumper(unittest.TestCase):
         line = self.p.stdout.readline().decode().split()
         self.assertEqual(line[0], "ready")
         self.pid = int(line[1])
+        # "ready" comes just before the threads block: wait until all three
+        # sit in their read, so the backtraces are the parked ones
+        end = time.monotonic() + 60
+        while not self.all_parked():
+            self.assertLess(time.monotonic(), end, "threads never blocked in read")
+            time.sleep(0.01)
+
+    def all_parked(self):
+        nr_read = "0"  # x86_64; this test runs on the host only
+        tasks = os.listdir(f"/proc/{self.pid}/task")
+        if len(tasks) != 3:
+            return False
+        for t in tasks:
+            with open(f"/proc/{self.pid}/task/{t}/syscall") as f:
+                if f.read().split()[0] != nr_read:
+                    return False
+        return True
 
     def tearDown(self):
         if self.p.poll() is None:
