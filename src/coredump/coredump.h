@@ -2,6 +2,7 @@
 // kernel's core-pattern pipe program.
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 
 struct tar;
@@ -38,5 +39,23 @@ int coredump(int fd, int32_t pid);
 int dump_parse_report(char *buf, int len, int32_t *pids, int index, int npids);
 
 // ---- kernel core-pattern handler ----
+//
+// The kernel runs it with the core on standard input:
+//   coredump-handler [FILE-NAME [SIZE-LIMIT PATH-WITH-! NAME]]
+// With "CoreHandler" = FTP... in /etc/conf.d/debugar.cgi the core is
+// uploaded by FTP, otherwise it is streamed to the debug service over
+// /var/run/dbg-cgi/ctrl-segf-socket.  Messages go to syslog only.
 
 int run_coredump_handler(int argc, char **argv);
+
+// Connects to the debug service's crash socket.  The socket, or -1 after
+// "connect to PATH failed" on stderr.
+int cored_mgm_connect();
+
+// Waits up to 5 s for the service's acknowledgement (up to 8 bytes, not
+// looked at), then closes sock.
+void cored_mgm_close(int sock);
+
+// The upload's read callback: reads standard input into buf.  The count (0
+// at the end), or CURL_READFUNC_ABORT when the read fails.
+size_t coredump_read_cb(char *buf, size_t size, size_t nmemb, void *unused);
