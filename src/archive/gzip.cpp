@@ -1,5 +1,6 @@
 // The compressed archive: a forked filter turns the tar stream coming through
 // a pipe into a single-member gzip stream on the client's connection.
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -97,7 +98,9 @@ void stream_tar(int fd)
 void stream_tgz(int fd)
 {
     int p[2];
-    if (pipe(p) == -1) {
+    // Close-on-exec: a program another thread of the daemon starts meanwhile
+    // must not hold the write end, or the filter would never see the end.
+    if (pipe2(p, O_CLOEXEC) == -1) {
         perror("pipes");
         return;
     }
@@ -116,6 +119,9 @@ void stream_tgz(int fd)
             dup2(fd, STDOUT_FILENO);
         }
         dup2(p[0], STDIN_FILENO);
+        // Nothing else of the parent stays open here (other clients'
+        // connections above all), so that they end when the daemon closes them.
+        close_range(3, ~0U, 0);
         gzip_filter();
         // _exit: the composer's stdio buffers are the parent's to flush.
         _exit(0);

@@ -1,13 +1,24 @@
 #include "dbgcgi.h"
 
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include "archive.h"
 #include "common.h"
 #include "coredump.h"
+#include "handoff.h"
+#include "monitor.h"
 #include "proc.h"
 
 namespace {
@@ -22,7 +33,122 @@ const char usage_text[] =
     "-s\tsegfault control socket name [/var/run/dbg-cgi/ctrl-segf-socket]\n"
     "-h\thelp";
 
+// Control messages, reused for every request (at most 4095 bytes and a NUL).
+char request_buf[4096];
+
+// Forwards one core dump stored in the dump directory to the push listener.
+// Once the directory has been seen empty (*drained), it is not looked at
+// again until the daemon restarts.
+void check_dumps(int *drained)
+{
+    if (*drained)
+        return;
+    if (!dbgcgi.dump_dir) {
+        syslog(LOG_ERR, "Invalid dump directory");
+        return;
+    }
+    int dfd = open(dbgcgi.dump_dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dfd == -1)
+        return;
+    DIR *d = fdopendir(dfd);
+    if (!d) {
+        perror("check_dumps");
+        close(dfd);
+        return;
+    }
+    const dirent *de;
+    do
+        de = readdir(d);
+    while (de && (strcmp(de->d_name, ".") == 0 || strcmp(de->d_name, "..") == 0));
+    if (de) {
+        int fd = openat(dirfd(d), de->d_name, O_RDONLY | O_CLOEXEC);
+        if (fd == -1) {
+            perror("check_dumps");
+            closedir(d);
+            return;
+        }
+        if (handle_request_push(fd, de->d_name) != 0) {
+            syslog(LOG_ERR, "Failed to send dump: %s", de->d_name);
+            closedir(d);
+            return;
+        }
+        if (unlinkat(dirfd(d), de->d_name, 0) == -1) {
+            perror("check_dumps");
+            closedir(d);
+            return;
+        }
+    }
+    // Whatever the next entry is ("." and ".." included), the directory is
+    // not yet seen empty.
+    if (!readdir(d))
+        *drained = 1;
+    if (closedir(d) != 0)
+        perror("check_dumps");
+}
+
+// The crash socket: a local stream socket at path (stale file removed).
+// The descriptor, or -1.
+int crash_socket(const char *path)
+{
+    unlink(path);
+    int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (s == -1)
+        return -1;
+    sockaddr_un sa;
+    memset(&sa, 0, sizeof sa);
+    sa.sun_family = AF_UNIX;
+    size_t len = strlen(path);
+    memcpy(sa.sun_path, path, len < sizeof sa.sun_path ? len : sizeof sa.sun_path);
+    if (bind(s, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == -1 || listen(s, 2) == -1) {
+        syslog(LOG_ERR, "Could not open %s: %m", path);
+        close(s);
+        return -1;
+    }
+    return s;
+}
+
 }  // namespace
+
+int debug_info_daemon(int cgi_fd, int segf_fd)
+{
+    pthread_t monitor_thread;
+    int err = pthread_create(&monitor_thread, nullptr, monitor_thread_run, nullptr);
+    if (err != 0) {
+        errno = err;
+        perror("pthread_create");
+        return 1;
+    }
+    int drained = 0;
+    int maxfd = cgi_fd > segf_fd ? cgi_fd : segf_fd;
+    for (;;) {
+        fd_set rd;
+        FD_ZERO(&rd);
+        FD_SET(cgi_fd, &rd);
+        FD_SET(segf_fd, &rd);
+        int n = select(maxfd + 1, &rd, nullptr, nullptr, nullptr);
+        if (n == -1) {
+            perror("select");
+            continue;
+        }
+        if (n == 0)
+            continue;
+        if (FD_ISSET(cgi_fd, &rd)) {
+            int client = -1;
+            int len = handoff_recv(cgi_fd, request_buf, sizeof request_buf - 1, &client);
+            if (len < 1)
+                continue;
+            request_buf[len] = '\0';
+            pre_process_request(client, request_buf, len);
+        }
+        if (FD_ISSET(segf_fd, &rd)) {
+            int conn = accept4(segf_fd, nullptr, nullptr, SOCK_CLOEXEC);
+            if (conn != -1)
+                handle_request_push(conn, "core");
+            continue;
+        }
+        check_dumps(&drained);
+    }
+}
 
 dbgcgi_settings dbgcgi = {
     0,
@@ -87,5 +213,28 @@ int run_dbg_cgi(int argc, char **argv)
             stream_tar(STDOUT_FILENO);
         return 0;
     }
-    return applet_unbuilt("debugar.cgi");
+
+    if (!dbgcgi.foreground && daemon(0, 0) == -1) {
+        perror("daemon\n");
+        return 1;
+    }
+    signal(SIGPIPE, SIG_IGN);
+    signal(SIGALRM, SIG_IGN);
+
+    unlink(dbgcgi.cgi_socket);
+    int cgi_fd = handoff_server_socket(dbgcgi.cgi_socket, 0666);
+    if (cgi_fd < 0) {
+        errno = -cgi_fd;
+        syslog(LOG_ERR, "Could not open %s: %m", dbgcgi.cgi_socket);
+        exit(1);
+    }
+    int segf_fd = crash_socket(dbgcgi.segf_socket);
+    if (segf_fd < 0) {
+        close(cgi_fd);
+        return 1;
+    }
+    int r = debug_info_daemon(cgi_fd, segf_fd);
+    close(segf_fd);
+    close(cgi_fd);
+    return r;
 }

@@ -1,0 +1,604 @@
+// Requests of the debug-info daemon: the control message is decoded and
+// checked here in the main thread, and each kind of download is produced by a
+// detached thread of its own.
+#include "dbgcgi.h"
+
+#include <assert.h>
+#include <ctype.h>
+#include <errno.h>
+#include <limits.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "archive.h"
+#include "common.h"
+#include "coredump.h"
+#include "monitor.h"
+#include "proc.h"
+#include "querykit.h"
+#include "trace.h"
+
+int push_listener_fd = -1;
+int archive_in_progress;
+
+const rtrace_option rtrace_options[] = {
+    {"smaps", 0x1},      {"status", 0x2},       {"smapstot", 0x4}, {"filenr", 0x8},
+    {"meminfo", 0x10},   {"diskinfo", 0x20},    {"iostat", 0x40},  {"pagetypeinfo", 0x80},
+    {"hearth", 0x100},   {"event", 0x200},      {"pidstat", 0x400}, {"all", 0x67B},
+    {"fast", 0x67C},     {nullptr, 0},
+};
+
+namespace {
+
+const char bad_request[] =
+    "HTTP/1.0 400 Bad Request\r\nContent-Type: text/plain\r\n\r\n"
+    "The request has bad syntax or was inherently impossible to satisfy\n";
+const char internal_error[] =
+    "HTTP/1.0 500 Internal Server Error\r\nContent-Type: text/plain\r\n\r\n"
+    "The server encountered an internal error and could not complete the request\n";
+static_assert(sizeof bad_request - 1 == 121);
+static_assert(sizeof internal_error - 1 == 140);
+
+const uint32_t rtrace_default_mask = 0x67C;  // "fast"
+const int rtrace_default_interval = 10;
+// Pieces of the "pid" and "trace" lists must be shorter than this.
+const size_t max_piece = 32;
+
+int load(const int *flag)
+{
+    return __atomic_load_n(flag, __ATOMIC_SEQ_CST);
+}
+
+void store(int *flag, int value)
+{
+    __atomic_store_n(flag, value, __ATOMIC_SEQ_CST);
+}
+
+void reply_bad_request(int fd)
+{
+    safe_write(fd, bad_request, sizeof bad_request - 1);
+}
+
+// strtol base 10; parsed when at least one digit was taken and the value
+// fits the device's 32-bit long.
+bool parse_number(const char *s, int *value)
+{
+    if (!s)
+        return false;
+    errno = 0;
+    char *end;
+    long v = strtol(s, &end, 10);
+    if (end == s || errno == ERANGE || v < INT32_MIN || v > INT32_MAX)
+        return false;
+    *value = static_cast<int>(v);
+    return true;
+}
+
+// Leading and trailing white space off, in place; an all-blank text becomes
+// empty at its own start.
+char *strip(char *s)
+{
+    while (*s && isspace(static_cast<unsigned char>(*s)))
+        s++;
+    size_t n = strlen(s);
+    while (n > 0 && isspace(static_cast<unsigned char>(s[n - 1])))
+        s[--n] = '\0';
+    return s;
+}
+
+// Calls f(piece) for every comma-separated piece of list shorter than
+// max_piece bytes, copied and stripped; the text after the last comma only
+// when it is not empty.  more() is asked before each piece.
+template <typename More, typename F>
+void for_each_piece(const char *list, More more, F f)
+{
+    const char *p = list;
+    for (;;) {
+        const char *comma = strchr(p, ',');
+        size_t len = comma ? static_cast<size_t>(comma - p) : strlen(p);
+        if (!comma && len == 0)
+            break;
+        if (!more())
+            break;
+        if (len < max_piece) {
+            char piece[max_piece];
+            memcpy(piece, p, len);
+            piece[len] = '\0';
+            f(strip(piece));
+        }
+        if (!comma)
+            break;
+        p = comma + 1;
+    }
+}
+
+// The dumper stops every thread of the process it dumps, this one too,
+// which reads its output: a core of the daemon itself can never be made.
+bool own_thread(int pid)
+{
+    char path[64];
+    snprintf(path, sizeof path, "/proc/self/task/%d", pid);
+    return pid == getpid() || access(path, F_OK) == 0;
+}
+
+// Takes over fd as the connection waiting for the next pushed dump.
+void register_listener(int fd)
+{
+    if (push_listener_fd != -1)
+        close(push_listener_fd);
+    push_listener_fd = fd;
+}
+
+bool start_thread(void *(*body)(void *), void *arg)
+{
+    pthread_t t;
+    return pthread_create(&t, nullptr, body, arg) == 0;
+}
+
+void start_archive(int fd, int gzip)
+{
+    if (load(&archive_in_progress)) {
+        stream_http_message(fd, "503 Service Unavailable",
+                            "Another Crash Report generation is in progress. "
+                            "Please try again later ... ");
+        close(fd);
+        return;
+    }
+    store(&archive_in_progress, 1);
+    archive_req *req = static_cast<archive_req *>(malloc(sizeof *req));
+    req->fd = fd;
+    req->gzip = gzip;
+    if (!start_thread(run_archive_request, req)) {
+        free(req);
+        reply_internal_error(fd);
+        close(fd);
+        store(&archive_in_progress, 0);
+    }
+}
+
+void coredump_request(int fd)
+{
+    char *pid_text = CGI_get_value("pid");
+    if (!pid_text) {
+        register_listener(fd);
+        CGI_cleanup();
+        return;
+    }
+    int pid;
+    if (!parse_number(pid_text, &pid) || pid == -1) {
+        char *name = strip(pid_text);
+        int32_t found[1];
+        int count = 0;
+        if (*name)
+            proc_find_pid_by_name("/proc", name, found, &count, 1);
+        if (count == 0) {
+            reply_bad_request(fd);
+            close(fd);
+            CGI_cleanup();
+            return;
+        }
+        pid = found[0];
+    }
+    if (pid < 0 || kill(pid, 0) != 0 || own_thread(pid)) {
+        reply_bad_request(fd);
+    } else if (stream_http_header(fd, "application/octet-stream", "core") == 0) {
+        coredump(fd, pid);
+    }
+    close(fd);
+    CGI_cleanup();
+}
+
+void pcap_request(int fd)
+{
+    pcap_req *req = static_cast<pcap_req *>(malloc(sizeof *req));
+    req->fd = fd;
+    int v;
+    req->duration = parse_number(CGI_get_value("duration"), &v) && v >= 0 ? v : 0;
+    req->totalsize = parse_number(CGI_get_value("totalsize"), &v) && v >= 0 ? v : 0;
+    CGI_cleanup();
+    if (!start_thread(run_pcap_request, req)) {
+        free(req);
+        reply_internal_error(fd);
+        close(fd);
+    }
+}
+
+void ps_request(int fd)
+{
+    CGI_cleanup();
+    if (!start_thread(run_ps_request, reinterpret_cast<void *>(static_cast<intptr_t>(fd)))) {
+        reply_internal_error(fd);
+        close(fd);
+    }
+}
+
+void rtrace_request(int fd)
+{
+    rtrace_req *req = static_cast<rtrace_req *>(malloc(sizeof *req));
+    req->fd = fd;
+
+    const char *interval = CGI_get_value("interval");
+    if (!interval)
+        req->interval = rtrace_default_interval;
+    else if (!parse_number(interval, &req->interval))
+        req->interval = -1;
+
+    const char *trace = CGI_get_value("trace");
+    uint32_t mask = 0;
+    if (trace)
+        for_each_piece(
+            trace, [] { return true; },
+            [&mask](const char *name) { mask |= rtrace_option_lookup(name); });
+    req->mask = mask ? mask : rtrace_default_mask;
+
+    CGI_cleanup();
+    if (!start_thread(run_rtrace_request, req)) {
+        free(req);
+        reply_internal_error(fd);
+        close(fd);
+    }
+}
+
+// ---- handler threads ----
+
+// Detaches the calling handler thread; on failure the connection gets the
+// 500 response instead of its content.
+bool detach_self(int fd)
+{
+    if (pthread_detach(pthread_self()) == 0)
+        return true;
+    reply_internal_error(fd);
+    return false;
+}
+
+// The strace request's output callback (the archive has its own of that
+// name): the text goes to the client, and the trace goes on while the running
+// flag is set.
+namespace request_module {
+int cb_strace(void *arg, const char *buf, int len)
+{
+    strace_req *req = static_cast<strace_req *>(arg);
+    if (len > 0)
+        safe_write(req->fd, buf, static_cast<unsigned>(len));
+    int running = load(&req->running);
+    if (!running && len == 0) {
+        // The tracer leaves its loop on this answer and detaches its
+        // processes; from now on nothing may interrupt its waits.
+        sigset_t usr1;
+        sigemptyset(&usr1);
+        sigaddset(&usr1, SIGUSR1);
+        pthread_sigmask(SIG_BLOCK, &usr1, nullptr);
+        store(&req->stopping, 1);
+    }
+    return running;
+}
+}  // namespace request_module
+
+// Wakes the tracer's waitpid(-1): a child of this process that exits at once
+// ends any wait for children of the process, which the tracer answers by
+// asking cb_strace whether to go on.  (A signal could instead break the waits
+// inside an attach or a detach and leave a process stopped.)  The child is
+// reaped by the tracer or by reap_wakeup.
+pid_t wake_tracer()
+{
+    pid_t pid = fork();
+    if (pid == 0)
+        _exit(0);
+    return pid;
+}
+
+void reap_wakeup(pid_t pid)
+{
+    if (pid > 0)
+        waitpid(pid, nullptr, 0);
+}
+
+}  // namespace
+
+void reply_internal_error(int fd)
+{
+    safe_write(fd, internal_error, sizeof internal_error - 1);
+}
+
+uint32_t rtrace_option_lookup(const char *name)
+{
+    for (const rtrace_option *o = rtrace_options; o->name; o++)
+        if (strcmp(o->name, name) == 0)
+            return o->bits;
+    return 0;
+}
+
+void strace_add_target(char *token, int32_t *pids, int *count)
+{
+    int pid;
+    if (parse_number(token, &pid) && pid != -1) {
+        if (kill(pid, 0) == 0)
+            pids[(*count)++] = pid;
+        return;
+    }
+    if (!*token)
+        return;
+    int32_t found[max_piece];
+    int n = 0;
+    proc_find_pid_by_name("/proc", token, found, &n, max_piece);
+    for (int i = 0; i < n && *count < STRACE_REQ_MAX_PIDS; i++)
+        pids[(*count)++] = found[i];
+}
+
+void prepare_strace_request(int fd)
+{
+    int32_t pids[STRACE_REQ_MAX_PIDS];
+    int count = 0;
+    const char *list = CGI_get_value("pid");
+    if (!list) {
+        count = proc_list(pids, STRACE_REQ_MAX_PIDS, getpid());
+    } else {
+        for_each_piece(
+            list, [&count] { return count < STRACE_REQ_MAX_PIDS; },
+            [&](char *token) { strace_add_target(token, pids, &count); });
+    }
+    CGI_cleanup();
+    if (count == 0) {
+        reply_bad_request(fd);
+        close(fd);
+        return;
+    }
+    strace_req *req = static_cast<strace_req *>(calloc(1, sizeof *req));
+    memcpy(req->pids, pids, sizeof(int32_t) * static_cast<size_t>(count));
+    req->npids = count;
+    req->fd = fd;
+    req->running = 1;
+    if (!start_thread(run_strace_request, req)) {
+        free(req);
+        reply_internal_error(fd);
+        close(fd);
+    }
+}
+
+void pre_process_request(int fd, char *msg, int len)
+{
+    size_t pathlen = strnlen(msg, static_cast<size_t>(len > 0 ? len : 0));
+    if (len < 1 || pathlen >= static_cast<size_t>(len)) {
+        reply_internal_error(fd);
+        close(fd);
+        return;
+    }
+    // The query ends at its NUL or at the end of the message.
+    const char *q = msg + pathlen + 1;
+    size_t qlen = strnlen(q, static_cast<size_t>(len) - pathlen - 1);
+    char *query = strndup(q, qlen);
+    CGI_set_query(query);
+    CGI_save_env();
+    const char *cmd = CGI_get_value("cmd");
+
+    if (!cmd) {
+        const char *slash = strrchr(msg, '/');
+        if (!slash) {
+            CGI_cleanup();
+            reply_internal_error(fd);
+            close(fd);
+            free(query);
+            return;
+        }
+        const char *last = slash + 1;
+        int gzip = strncmp(last, "debug.tgz", 9) == 0 || strncmp(last, "coredumps.tgz", 13) == 0;
+        bool listen = strncmp(query, "listen", 6) == 0;
+        free(query);
+        CGI_cleanup();
+        if (listen)
+            register_listener(fd);
+        else
+            start_archive(fd, gzip);
+        return;
+    }
+    free(query);
+
+    if (strncmp(cmd, "coredump", 8) == 0) {
+        coredump_request(fd);
+    } else if (strncmp(cmd, "pcapdump", 8) == 0) {
+        pcap_request(fd);
+    } else if (strncmp(cmd, "ps", 2) == 0) {
+        ps_request(fd);
+    } else if (strncmp(cmd, "strace", 6) == 0) {
+        prepare_strace_request(fd);
+    } else if (strncmp(cmd, "rtrace", 6) == 0) {
+        rtrace_request(fd);
+    } else {
+        // The decoded query stays until the next CGI_set_query replaces it.
+        reply_bad_request(fd);
+        close(fd);
+    }
+}
+
+void *run_archive_request(void *data)
+{
+    assert(data && "req");
+    archive_req *req = static_cast<archive_req *>(data);
+    if (detach_self(req->fd) &&
+        stream_http_header(req->fd, "application/x-tar", req->gzip ? "debug.tgz" : "debug.tar") ==
+            0) {
+        if (req->gzip)
+            stream_tgz(req->fd);
+        else
+            stream_tar(req->fd);
+    }
+    close(req->fd);
+    store(&archive_in_progress, 0);
+    free(req);
+    pthread_exit(nullptr);
+}
+
+void *run_pcap_request(void *data)
+{
+    assert(data && "req");
+    pcap_req *req = static_cast<pcap_req *>(data);
+    if (detach_self(req->fd) &&
+        stream_http_header(req->fd, "application/octet-stream", "pcapdump.cap") == 0)
+        stream_pcap(req->fd, req->duration, req->totalsize);
+    close(req->fd);
+    free(req);
+    pthread_exit(nullptr);
+}
+
+void *run_ps_request(void *data)
+{
+    // The descriptor itself is the argument; 0 is a valid one.
+    int fd = static_cast<int>(reinterpret_cast<intptr_t>(data));
+    if (detach_self(fd) && stream_http_header(fd, "text/plain", "psdump.txt") == 0)
+        stream_ps(fd);
+    close(fd);
+    pthread_exit(nullptr);
+}
+
+void *run_rtrace_request(void *data)
+{
+    assert(data && "req");
+    rtrace_req *req = static_cast<rtrace_req *>(data);
+    rtrace_config *config = nullptr;
+    if (detach_self(req->fd)) {
+        config = rtrace_create(req->fd, req->interval, req->mask);
+        if (!config)
+            reply_internal_error(req->fd);
+        else if (stream_http_header(req->fd, "application/octet-stream", "rtrace") == 0)
+            rtrace_run(config);
+    }
+    rtrace_destroy(config);
+    close(req->fd);
+    free(req);
+    pthread_exit(nullptr);
+}
+
+void strace_wakeup_handler(int) {}
+
+void *run_strace_request(void *data)
+{
+    assert(data && "req");
+    strace_req *req = static_cast<strace_req *>(data);
+    req->thread = pthread_self();
+    if (!detach_self(req->fd)) {
+        close(req->fd);
+        free(req);
+        pthread_exit(nullptr);
+    }
+
+    // Installed before the watcher exists: its first signal must find it.
+    struct sigaction sa = {};
+    sa.sa_handler = strace_wakeup_handler;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = 0;  // no SA_RESTART: the watcher's wait returns EINTR
+    sigaction(SIGUSR1, &sa, nullptr);
+
+    // The watcher starts with SIGUSR1 blocked and lets it in only inside its
+    // wait, so a signal sent before it waits is not lost.
+    sigset_t usr1, old;
+    sigemptyset(&usr1);
+    sigaddset(&usr1, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &usr1, &old);
+    pthread_t watcher;
+    int r = pthread_create(&watcher, nullptr, run_strace_watcher, req);
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    if (r != 0) {
+        reply_internal_error(req->fd);
+        close(req->fd);
+        free(req);
+        pthread_exit(nullptr);
+    }
+
+    if (stream_http_header(req->fd, "text/plain", "stracedump.txt") == 0) {
+        strace_ctx ctx = {};
+        ctx.out = request_module::cb_strace;
+        ctx.on_exit = nullptr;
+        ctx.arg = req;
+        ctx.flags = -1;
+        ctx.pids = req->pids;
+        ctx.npids = req->npids;
+        ctx.duration = -1;
+        ctx.children = 0;
+        ctx.buf = nullptr;
+        ctx.bufsize = 0;
+        do_strace(&ctx);
+    }
+
+    store(&req->running, 0);
+    store(&req->done, 1);
+    pthread_kill(watcher, SIGUSR1);
+    pthread_join(watcher, nullptr);
+    close(req->fd);
+    free(req);
+    pthread_exit(nullptr);
+}
+
+void *run_strace_watcher(void *data)
+{
+    assert(data && "data");
+    strace_req *req = static_cast<strace_req *>(data);
+    sigset_t waitmask;
+    pthread_sigmask(SIG_BLOCK, nullptr, &waitmask);
+    sigdelset(&waitmask, SIGUSR1);
+
+    for (;;) {
+        if (!load(&req->running))
+            pthread_exit(nullptr);
+        pollfd p = {req->fd, POLLIN, 0};
+        int r = ppoll(&p, 1, nullptr, &waitmask);
+        if (r > 0)
+            break;
+        // -1 (EINTR from the trace thread) or 0: look at the flag again.
+    }
+
+    // The client closed its side or sent something: the trace stops.
+    if (load(&req->running)) {
+        store(&req->running, 0);
+        // Until the tracer says it is leaving (or is done), wake it now and
+        // then: it may be attaching, or waiting behind another trace.
+        for (;;) {
+            pid_t wake = wake_tracer();
+            timespec pause = {0, 200 * 1000 * 1000};
+            ppoll(nullptr, 0, &pause, &waitmask);
+            reap_wakeup(wake);
+            if (load(&req->stopping) || load(&req->done))
+                break;
+        }
+    }
+    pthread_exit(nullptr);
+}
+
+int handle_request_push(int src_fd, const char *name)
+{
+    if (push_listener_fd == -1) {
+        close(src_fd);
+        return 1;
+    }
+    int listener = push_listener_fd;
+    int result = stream_http_header(listener, "application/octet-stream", name);
+    if (result == 0) {
+        char buf[2048];
+        for (;;) {
+            int n = safe_read(src_fd, buf, sizeof buf);
+            if (n < 0) {
+                result = 1;
+                break;
+            }
+            // The end of the dump: delivered.
+            if (n == 0)
+                break;
+            if (safe_write(listener, buf, static_cast<unsigned>(n)) < 0) {
+                result = 1;
+                break;
+            }
+        }
+    }
+    close(listener);
+    close(src_fd);
+    push_listener_fd = -1;
+    return result;
+}

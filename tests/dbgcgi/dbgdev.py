@@ -1,0 +1,474 @@
+"""The debug service running in a simulated device, for the black-box tests
+and the benchmarks.
+
+    with DebugService(prefix=stage, frontend=path_of_handoff_front) as svc:
+        head, body = svc.get("/cgi-bin/debugar.cgi?cmd=ps")   # HTTP over eth0
+        svc.handoff(b"/x\\0cmd=ps\\0", [fd])                  # raw control datagram
+        svc.stats()                                          # the daemon's fds, threads, RSS
+
+The daemon runs inside the device as installed (debugar.cgi, detached); the
+test front end (handoff-front) inside the device takes TCP on port 8080 of
+every address.  Clients connect from the peer's network namespace: this
+process makes its sockets there (setns in a thread of its own), so the bytes
+travel over the device's eth0.  Unix sockets and files of the device are
+reached through /proc/INIT/root.  The device's /dev/log is a datagram socket
+of this process: every syslog line of the daemon arrives here.
+"""
+import array
+import ctypes
+import os
+import queue
+import re
+import signal
+import socket
+import subprocess
+import sys
+import threading
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(HERE, "..", "support"))
+import simdev  # noqa: E402
+
+CLONE_NEWNET = 0x40000000
+PORT = 8080
+CGI_SOCKET = "/var/run/dbg-cgi/ctrl-cgi-socket"
+SEGF_SOCKET = "/var/run/dbg-cgi/ctrl-segf-socket"
+DUMP_DIR = "/var/spool/storage/SD_DISK/dumps"
+
+HEADER = ("HTTP/1.0 200 OK\r\nCache-Control: no-cache\r\n"
+          "Expires: Thu, 01 Dec 1994 16:00:00 GMT\r\n"
+          "Content-Type: {}\r\nContent-Disposition: attachment; filename=\"{}\"\r\n\r\n")
+BAD_REQUEST = (b"HTTP/1.0 400 Bad Request\r\nContent-Type: text/plain\r\n\r\n"
+               b"The request has bad syntax or was inherently impossible to satisfy\n")
+INTERNAL_ERROR = (b"HTTP/1.0 500 Internal Server Error\r\nContent-Type: text/plain\r\n\r\n"
+                  b"The server encountered an internal error and could not complete the "
+                  b"request\n")
+BUSY = (b"HTTP/1.0 503 Service Unavailable\r\nCache-Control: no-cache\r\n"
+        b"Expires: Thu, 01 Dec 1994 16:00:00 GMT\r\nContent-Type: text/html\r\n\r\n"
+        b"<HTML><HEAD></HEAD>\r\n<BODY>\r\n"
+        b"Another Crash Report generation is in progress. Please try again later ... "
+        b"\r\n</BODY></HTML>\r\n\r\n")
+
+
+def header(content_type, filename):
+    return HEADER.format(content_type, filename).encode()
+
+
+# Stand-ins for the device's helper programs of rtrace: each says how it was
+# started, then prints a line now and then until it is stopped.
+STANDIN = r"""#!/bin/sh
+echo "{name} $*"
+trap 'kill $t 2>/dev/null; exit 0' TERM
+i=0
+while :; do
+    i=$((i + 1))
+    echo "{name} line $i"
+    sleep 0.3 & t=$!
+    wait $t
+done
+"""
+STANDINS = ("iostat", "pidstat", "signalpost")
+
+
+def wait_for(cond, what, seconds=30, step=0.02):
+    """Polls cond() until it returns something true; that value."""
+    end = time.monotonic() + seconds
+    while True:
+        v = cond()
+        if v:
+            return v
+        if time.monotonic() > end:
+            raise AssertionError("timed out waiting for " + what)
+        time.sleep(step)
+
+
+class NetNS:
+    """Makes sockets in another process's network namespace: a thread of this
+    process enters it once and creates sockets on request."""
+
+    def __init__(self, pid):
+        self._fd = os.open(f"/proc/{pid}/ns/net", os.O_RDONLY)
+        self._q = queue.Queue()
+        self._ready = queue.Queue()
+        threading.Thread(target=self._run, daemon=True).start()
+        ok, err = self._ready.get()
+        if not ok:
+            raise OSError(err, "setns")
+
+    def _run(self):
+        libc = ctypes.CDLL(None, use_errno=True)
+        if libc.setns(self._fd, CLONE_NEWNET) != 0:
+            self._ready.put((False, ctypes.get_errno()))
+            return
+        self._ready.put((True, 0))
+        while True:
+            args, box = self._q.get()
+            try:
+                box.put((True, socket.socket(*args)))
+            except OSError as e:
+                box.put((False, e))
+
+    def socket(self, family=socket.AF_INET, type=socket.SOCK_STREAM):
+        box = queue.Queue()
+        self._q.put(((family, type), box))
+        ok, v = box.get()
+        if not ok:
+            raise v
+        return v
+
+
+class Syslog:
+    """A datagram socket bound where syslog() looks; collects the lines."""
+    LINE = re.compile(rb"^<(\d+)>(?:\w{3} [ \d]\d \d\d:\d\d:\d\d )?([^\[:]+)\[(\d+)\]: (.*)$", re.S)
+
+    def __init__(self, path):
+        try:
+            os.unlink(path)
+        except FileNotFoundError:
+            pass
+        self.path = path
+        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.sock.bind(path)
+        os.chmod(path, 0o666)
+        self._lines = []
+        self._lock = threading.Lock()
+        threading.Thread(target=self._run, daemon=True).start()
+
+    def _run(self):
+        while True:
+            try:
+                data = self.sock.recv(65536)
+            except OSError:
+                return
+            with self._lock:
+                self._lines.append(data)
+
+    def clear(self):
+        with self._lock:
+            self._lines = []
+
+    def raw(self):
+        with self._lock:
+            return list(self._lines)
+
+    def messages(self, ident="dbg-cgi"):
+        """(priority, pid, text) of every line of ident."""
+        out = []
+        for line in self.raw():
+            m = self.LINE.match(line)
+            if m and m.group(2).decode() == ident:
+                out.append((int(m.group(1)), int(m.group(3)), m.group(4).decode(errors="replace")))
+        return out
+
+    def texts(self, ident="dbg-cgi"):
+        return [t for _, _, t in self.messages(ident)]
+
+    def close(self):
+        self.sock.close()
+
+
+def read_all(sock, timeout=60):
+    sock.settimeout(timeout)
+    chunks = []
+    while True:
+        b = sock.recv(65536)
+        if not b:
+            return b"".join(chunks)
+        chunks.append(b)
+
+
+def split_response(data):
+    i = data.find(b"\r\n\r\n")
+    if i < 0:
+        return data, b""
+    return data[:i + 4], data[i + 4:]
+
+
+def proc_status(pid):
+    out = {}
+    with open(f"/proc/{pid}/status") as f:
+        for line in f:
+            k, _, v = line.partition(":")
+            out[k] = v.strip()
+    return out
+
+
+class DebugService:
+    def __init__(self, prefix, frontend, args=(), start=True, standins=True):
+        frontend = os.path.abspath(frontend)
+        self.dev = simdev.Device(prefix=os.path.abspath(prefix))
+        try:
+            self.root = f"/proc/{self.dev.init_pid}/root"
+            self.ns = os.readlink(f"/proc/{self.dev.init_pid}/ns/pid")
+            self.peer = NetNS(self.dev.peer_pid)
+            self.syslog = Syslog(self.path("/dev/log"))
+            if standins:
+                self.install_standins()
+            self.frontend = self.dev.popen([frontend, "-a", "0.0.0.0", "-p", str(PORT)],
+                                           stdout=subprocess.PIPE)
+            line = self.frontend.stdout.readline()
+            if not line.startswith(b"listening"):
+                raise RuntimeError(f"handoff-front did not start: {line!r}")
+            self.pid = None
+            if start:
+                self.start_daemon(args)
+        except BaseException:
+            self.dev.stop()
+            raise
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+
+    def close(self):
+        if self.frontend:
+            simdev.Device.kill(self.frontend)
+            self.frontend.wait()
+            self.frontend = None
+        self.syslog.close()
+        self.dev.stop()
+
+    # ---- the device ----
+
+    def path(self, p):
+        """A path of the device, seen from here.  Symbolic links on the way
+        (/var/run -> /run) are followed inside the device's root, not ours."""
+        parts = [x for x in p.split("/") if x]
+        done = []
+        hops = 0
+        while parts:
+            part = parts.pop(0)
+            if part == "..":
+                if done:
+                    done.pop()
+                continue
+            here = self.root + "/" + "/".join(done + [part])
+            if parts and os.path.islink(here):
+                hops += 1
+                if hops > 40:
+                    raise OSError(f"too many links in {p}")
+                target = os.readlink(here)
+                if target.startswith("/"):
+                    done = []
+                parts = [x for x in target.split("/") if x] + parts
+                continue
+            done.append(part)
+        return self.root + "/" + "/".join(done)
+
+    def install_standins(self):
+        for name in STANDINS:
+            p = self.path("/usr/bin/" + name)
+            try:
+                os.unlink(p)
+            except FileNotFoundError:
+                pass
+            with open(p, "w") as f:
+                f.write(STANDIN.format(name=name))
+            os.chmod(p, 0o755)
+
+    def host_pids(self):
+        """Host pids of every process of the device."""
+        out = []
+        for name in os.listdir("/proc"):
+            if name.isdigit():
+                try:
+                    if os.readlink(f"/proc/{name}/ns/pid") == self.ns:
+                        out.append(int(name))
+                except OSError:
+                    pass
+        return out
+
+    def device_pid(self, host_pid):
+        return int(proc_status(host_pid)["NSpid"].split()[-1])
+
+    def host_pid(self, device_pid):
+        for p in self.host_pids():
+            try:
+                if self.device_pid(p) == device_pid:
+                    return p
+            except (OSError, KeyError):
+                pass
+        return None
+
+    def pids_named(self, comm):
+        out = []
+        for p in self.host_pids():
+            try:
+                with open(f"/proc/{p}/comm") as f:
+                    if f.read().strip() == comm:
+                        out.append(p)
+            except OSError:
+                pass
+        return out
+
+    @staticmethod
+    def argv0_name(host_pid):
+        """Base name of a process's argv[0] ("" for none)."""
+        try:
+            with open(f"/proc/{host_pid}/cmdline", "rb") as f:
+                argv0 = f.read().split(b"\0")[0].decode(errors="replace")
+        except OSError:
+            return ""
+        return os.path.basename(argv0)
+
+    def pids_by_argv0(self, name):
+        """Host pids of the device's processes whose argv[0] has base name
+        name (programs started with another argv[0] count by that)."""
+        return [p for p in self.host_pids() if self.argv0_name(p) == name]
+
+    # ---- the daemon ----
+
+    def start_daemon(self, args=(), check=True):
+        """debugar.cgi ARGS inside the device; waits for the detached daemon
+        (its host pid in self.pid) and its sockets."""
+        before = set(self.pids_named("debugar.cgi"))
+        r = self.dev.run(["debugar.cgi", *args], timeout=30)
+        if check and r.returncode != 0:
+            raise AssertionError(f"debugar.cgi {args}: status {r.returncode} {r.stderr!r}")
+
+        def found():
+            for p in self.pids_named("debugar.cgi"):
+                try:
+                    if p not in before and int(proc_status(p)["PPid"]) == self.dev.init_pid:
+                        return p
+                except (OSError, KeyError):
+                    pass
+            return None
+        self.pid = wait_for(found, "the daemon")
+        self.device_daemon_pid = self.device_pid(self.pid)
+        wait_for(lambda: len(self.sockets()) >= 2, "the daemon's control sockets")
+        return r
+
+    def stop_daemon(self):
+        if self.pid:
+            pid = self.pid
+            self.pid = None
+            try:
+                os.kill(pid, signal.SIGKILL)
+            except ProcessLookupError:
+                return
+            wait_for(lambda: not simdev.process_alive(pid), "the daemon to end")
+
+    def fds(self):
+        """The daemon's descriptors: {number: link text}."""
+        out = {}
+        d = f"/proc/{self.pid}/fd"
+        for name in os.listdir(d):
+            try:
+                out[int(name)] = os.readlink(f"{d}/{name}")
+            except OSError:
+                pass
+        return out
+
+    def sockets(self):
+        return [n for n, l in self.fds().items() if l.startswith("socket:")]
+
+    def threads(self):
+        return len(os.listdir(f"/proc/{self.pid}/task"))
+
+    def rss_kib(self):
+        return int(proc_status(self.pid)["VmRSS"].split()[0])
+
+    def children(self):
+        out = []
+        for tid in os.listdir(f"/proc/{self.pid}/task"):
+            try:
+                with open(f"/proc/{self.pid}/task/{tid}/children") as f:
+                    out += [int(x) for x in f.read().split()]
+            except OSError:
+                pass
+        return out
+
+    def stats(self):
+        return {"fds": len(self.fds()), "threads": self.threads(), "rss_kib": self.rss_kib(),
+                "children": len(self.children())}
+
+    def alive(self):
+        return self.pid is not None and simdev.process_alive(self.pid)
+
+    def stopped_or_traced(self):
+        """Processes of the device that are stopped or traced (host pids)."""
+        bad = []
+        for p in self.host_pids():
+            try:
+                st = proc_status(p)
+            except OSError:
+                continue
+            if st.get("TracerPid", "0") != "0" or st.get("State", "")[:1] in ("t", "T"):
+                bad.append((p, st.get("Name"), st.get("State"), st.get("TracerPid")))
+        return bad
+
+    def zombies(self):
+        out = []
+        for p in self.host_pids():
+            try:
+                if proc_status(p).get("State", "").startswith("Z"):
+                    out.append(p)
+            except OSError:
+                pass
+        return out
+
+    # ---- clients ----
+
+    def connect(self, port=PORT, timeout=60):
+        s = self.peer.socket()
+        s.settimeout(timeout)
+        s.connect((self.dev.ip4, port))
+        return s
+
+    def open_request(self, target, timeout=60):
+        """A connection that has sent GET target; read the answer yourself."""
+        s = self.connect(timeout=timeout)
+        s.sendall(f"GET {target} HTTP/1.0\r\nHost: {self.dev.ip4}\r\n\r\n".encode())
+        return s
+
+    def request(self, target, timeout=60):
+        """The whole response (until the daemon closes) as bytes."""
+        s = self.open_request(target, timeout)
+        try:
+            return read_all(s, timeout)
+        finally:
+            s.close()
+
+    def get(self, target, timeout=60):
+        return split_response(self.request(target, timeout))
+
+    def curl(self, args, timeout=120):
+        """curl ARGS in the peer, URLs relative to the front end."""
+        base = f"http://{self.dev.ip4}:{PORT}"
+        args = [a.replace("URL:", base) for a in args]
+        return self.dev.peer_run(["curl", "-s", *args], timeout=timeout)
+
+    def handoff(self, msg, fds=(), path=CGI_SOCKET):
+        """One control datagram, with descriptors, sent to the daemon."""
+        s = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        try:
+            anc = [(socket.SOL_SOCKET, socket.SCM_RIGHTS, array.array("i", fds))] if fds else []
+            s.sendmsg([msg], anc, 0, self.path(path))
+        finally:
+            s.close()
+
+    def crash_connect(self, path=SEGF_SOCKET):
+        s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        s.connect(self.path(path))
+        return s
+
+    def sync(self):
+        """Returns once the daemon's main thread has handled everything sent
+        to it before (a request it answers itself at once)."""
+        a, b = socket.socketpair()
+        try:
+            self.handoff(b"/sync\0cmd=sync\0", [b.fileno()])
+            b.close()
+            data = read_all(a, 60)
+            assert data == BAD_REQUEST, data
+        finally:
+            a.close()
+
+    def listener_count_wait(self, before):
+        """Waits until the daemon holds one more socket than before (a
+        registered listener)."""
+        wait_for(lambda: len(self.sockets()) > before, "the daemon to hold the listener")
