@@ -108,7 +108,8 @@ else
     # The debug service detaches by itself; so does the web server.
     dev debugar.cgi
     wait_for 20 dev test -S /var/run/dbg-cgi/ctrl-cgi-socket || { echo "debugar.cgi did not start" >&2; exit 1; }
-    dev mini_httpd -C /usr/share/toolnest/mini_httpd.conf
+    # (its warnings about the second listening socket and chroot go to its log)
+    dev sh -c "mini_httpd -C /usr/share/toolnest/mini_httpd.conf </dev/null >/dev/null 2>>/var/log/mini_httpd.err"
     wait_for 20 tools/simdev/simdev.sh peer curl -sf -o /dev/null -m 2 "http://$SIMDEV_DEVICE_IP4/" ||
         { echo "the device's web server did not start" >&2; exit 1; }
 

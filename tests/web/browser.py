@@ -38,6 +38,7 @@ class Browser:
             except (OSError, subprocess.TimeoutExpired):
                 os.killpg(self.p.pid, 9)
                 self.p.wait()
+        self.p.stdout.close()
 
     def call(self, op, **kw):
         kw["op"] = op

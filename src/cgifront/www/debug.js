@@ -57,6 +57,10 @@ function fileName(res, fallback) {
   return m && m[1] ? m[1] : fallback;
 }
 
+function blobOf(r) {
+  return new Blob(r.chunks, { type: r.res.headers.get('Content-Type') || 'application/octet-stream' });
+}
+
 function save(blob, name) {
   const a = document.createElement('a');
   a.href = URL.createObjectURL(blob);
@@ -125,7 +129,7 @@ for (const fmt of ['tgz', 'tar']) {
     busy(buttons, false);
     if (!r) return;
     const name = fileName(r.res, 'debug.' + fmt);
-    save(new Blob(r.chunks), name);
+    save(blobOf(r), name);
     setStatus('archive', 'ok', 'Saved ' + name + ' (' + size(r.total) + ').');
   });
 }
@@ -144,7 +148,7 @@ $('pcap-start').addEventListener('click', async () => {
   busy(buttons, false);
   if (!r) return;
   const name = fileName(r.res, 'pcapdump.cap');
-  save(new Blob(r.chunks), name);
+  save(blobOf(r), name);
   setStatus('pcap', 'ok', (r.stopped ? 'Stopped. ' : '') + 'Saved ' + name + ' (' + size(r.total) + ').');
 });
 
@@ -227,7 +231,7 @@ $('rtrace-start').addEventListener('click', async () => {
   busy(buttons, false);
   if (!r) return;
   const name = fileName(r.res, 'rtrace');
-  save(new Blob(r.chunks), name);
+  save(blobOf(r), name);
   setStatus('rtrace', 'ok', 'Saved ' + name + ' (' + size(r.total) + ').');
 });
 
@@ -247,7 +251,7 @@ $('core-start').addEventListener('click', async () => {
   $('core-start').disabled = false;
   if (!r) return;
   const name = fileName(r.res, 'core');
-  save(new Blob(r.chunks), name);
+  save(blobOf(r), name);
   setStatus('core', 'ok', 'Saved ' + name + ' of ' + pid + ' (' + size(r.total) + ').');
 });
 
@@ -269,6 +273,6 @@ $('listen-start').addEventListener('click', async () => {
   }
   if (r.stopped || r.total === 0) { setStatus('listen', '', 'Stopped waiting.'); return; }
   const name = fileName(r.res, 'core');
-  save(new Blob(r.chunks), name);
+  save(blobOf(r), name);
   setStatus('listen', 'ok', 'Saved ' + name + ' (' + size(r.total) + ') of the process that crashed.');
 });
