@@ -2,7 +2,11 @@
 # Boots the emulated MIPS Malta board with a mipsel build of toolnest and runs
 # the target suite there (or gives a shell on the board's console).
 #
-#   run.sh [--shell] [--timeout SECONDS] BUILD [SYSROOT]
+#   run.sh [--shell | --serve] [--timeout SECONDS] BUILD [SYSROOT]
+#
+# --serve boots the board as a device with the debug service and its web
+# server and keeps it running until qemu is stopped; qemu's user network
+# forwards TOOLNEST_EMU_HOSTFWD (default tcp:127.0.0.1:8080-:80) to it.
 #
 # BUILD is a built mipsel tree (build/mipsel), SYSROOT the mipsel sysroot
 # (default build/sysroot-mipsel).  Downloads are cached in TOOLNEST_EMU_CACHE
@@ -24,8 +28,9 @@ limit=420
 while [ $# -gt 0 ]; do
     case $1 in
     --shell) mode=shell ;;
+    --serve) mode=serve ;;
     --timeout) limit=$2; shift ;;
-    -*) echo "usage: run.sh [--shell] [--timeout SECONDS] BUILD [SYSROOT]" >&2; exit 2 ;;
+    -*) echo "usage: run.sh [--shell | --serve] [--timeout SECONDS] BUILD [SYSROOT]" >&2; exit 2 ;;
     *) break ;;
     esac
     shift
@@ -46,8 +51,11 @@ append="console=ttyS0 rdinit=/init panic=-1 quiet tn.mode=$mode"
 append="$append tn.limit=$((limit * 2 / 3))"
 
 # 256 MB is all the low memory the board has; no network device: the guest's
-# only network is its own veth pair.
-set -- qemu-system-mipsel -M malta -m 256 -no-reboot -nic none -vga none \
+# only network is its own veth pair.  A serving board has a network card on
+# qemu's user network, reachable only through the forwarded loopback port.
+nic=none
+[ $mode = serve ] && nic="user,model=pcnet,restrict=on,hostfwd=${TOOLNEST_EMU_HOSTFWD:-tcp:127.0.0.1:8080-:80}"
+set -- qemu-system-mipsel -M malta -m 256 -no-reboot -nic "$nic" -vga none \
     -kernel "$cache/kernel/vmlinuz" -initrd "$out/initramfs.cpio.gz" -append "$append"
 
 if [ $mode = shell ]; then
@@ -56,6 +64,10 @@ if [ $mode = shell ]; then
 fi
 
 log="$out/console.log"
+if [ $mode = serve ]; then
+    echo "emu: booting the board to serve the debug page, console log $log"
+    exec "$@" -serial "file:$log" -monitor none -display none </dev/null
+fi
 results="$out/results.txt"
 rm -f "$log" "$results"
 start=$(date +%s)

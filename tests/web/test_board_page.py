@@ -1,0 +1,107 @@
+"""The debug page of the emulated MIPS board, in the host's browser: the board
+boots with the mipsel build, its debug service and mini_httpd; qemu's user
+network forwards a loopback port to it.  The page opens and a debug archive
+downloads through the board's web server; GNU tar judges it."""
+import argparse
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, HERE)
+from browser import Browser  # noqa: E402
+
+REPO = os.path.normpath(os.path.join(HERE, "..", ".."))
+ARGS = None
+ARCHIVE_RE = re.compile(r"^debug-\d{8}-\d{6}-c(\d+)/")
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+class BoardPage(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.tmp = tempfile.mkdtemp(prefix="tn-board-web-")
+        port = free_port()
+        cls.base = f"http://127.0.0.1:{port}/"
+        env = dict(os.environ, TOOLNEST_EMU_HOSTFWD=f"tcp:127.0.0.1:{port}-:80")
+        cls.qemu = subprocess.Popen([os.path.join(REPO, "tools", "emu", "run.sh"), "--serve", ARGS.build],
+                                    env=env, start_new_session=True, stdout=subprocess.DEVNULL)
+        try:
+            end = time.monotonic() + 300
+            while subprocess.run(["curl", "-sf", "-o", "/dev/null", "-m", "5", cls.base]).returncode != 0:
+                if cls.qemu.poll() is not None or time.monotonic() > end:
+                    raise AssertionError("the board's web server did not come up; console: " +
+                                         os.path.join(ARGS.build, "emu", "console.log"))
+                time.sleep(1)
+            cls.b = Browser(ARGS.node_dir)
+        except BaseException:
+            cls.stop_board()
+            raise
+
+    @classmethod
+    def stop_board(cls):
+        try:
+            os.killpg(cls.qemu.pid, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
+        cls.qemu.wait()
+
+    @classmethod
+    def tearDownClass(cls):
+        if hasattr(cls, "b"):
+            cls.b.close()
+        cls.stop_board()
+        shutil.rmtree(cls.tmp, ignore_errors=True)
+
+    def test_page_and_archive(self):
+        self.assertEqual(self.b.goto(url=self.base), 200)
+        self.b.click(sel="#ps-show")
+        self.b.wait_text(sel="#ps-status", text="Process list of", timeout=60000)
+        self.assertIn("debugar.cgi", self.b.text(sel="#ps-out"))
+        self.b.expect_download(name="archive", timeout=400000)
+        self.b.click(sel="#archive-tgz")
+        self.b.wait_text(sel="#archive-status", text="Making the debug archive")
+        self.b.screenshot(path=os.path.join(ARGS.artifacts, "board-page.png"), full=True)
+        path = os.path.join(self.tmp, "debug.tgz")
+        self.assertEqual(self.b.save_download(name="archive", path=path), "debug.tgz")
+        r = subprocess.run(["tar", "-tzf", path], capture_output=True, timeout=120)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        names = r.stdout.decode().splitlines()
+        m = ARCHIVE_RE.match(names[0])
+        self.assertTrue(m, names[0])
+        rel = [n[len(m.group(0)):] for n in names]
+        at = rel.index("strace.log")
+        self.assertEqual(rel[at:at + 2], ["strace.log", "netdump.cap"])
+        cores = {n.split(".")[0] for n in rel if n.endswith("/core")}
+        self.assertIn("mini_httpd", cores)
+        self.b.wait_text(sel="#archive-status", text="Saved debug.tgz")
+        self.b.screenshot(path=os.path.join(ARGS.artifacts, "board-archive.png"), full=False)
+
+
+def main():
+    global ARGS
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--build", required=True)
+    ap.add_argument("--node-dir", required=True)
+    ap.add_argument("--artifacts", required=True)
+    ARGS, rest = ap.parse_known_args()
+    ARGS.build = os.path.abspath(ARGS.build)
+    ARGS.node_dir = os.path.abspath(ARGS.node_dir)
+    os.makedirs(ARGS.artifacts, exist_ok=True)
+    unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)
+
+
+if __name__ == "__main__":
+    main()
