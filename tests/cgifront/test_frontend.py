@@ -2,9 +2,7 @@
 test's own: what it sends (control message, the very connection it was given)
 and what it answers itself.  Each case runs in a mount namespace whose /var/run is
 a fresh tmpfs, so the service path exists only there."""
-import array
 import os
-import socket
 import subprocess
 import sys
 import unittest

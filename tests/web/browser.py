@@ -5,6 +5,7 @@
 """
 import json
 import os
+import re
 import subprocess
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -53,3 +54,21 @@ class Browser:
 
     def __getattr__(self, op):
         return lambda **kw: self.call(op, **kw)
+
+
+ARCHIVE_RE = re.compile(r"^debug-\d{8}-\d{6}-c(\d+)/")
+
+
+def archive_members(path):
+    """GNU tar's list of a downloaded debug.tgz: (the archive's directory,
+    member names below it, the set of programs with a core)."""
+    r = subprocess.run(["tar", "-tzf", path], capture_output=True, timeout=120)
+    if r.returncode != 0:
+        raise AssertionError("GNU tar cannot list " + path + ": " + r.stderr.decode(errors="replace"))
+    names = r.stdout.decode().splitlines()
+    m = ARCHIVE_RE.match(names[0])
+    if not m:
+        raise AssertionError("not a debug archive directory: " + names[0])
+    rel = [n[len(m.group(0)):] for n in names]
+    cores = {n.split(".")[0] for n in rel if n.endswith("/core")}
+    return m.group(0), rel, cores

@@ -4,7 +4,6 @@ device.  Downloads are judged by GNU tar, tshark, gdb and the rtrace reader;
 screenshots go to --artifacts."""
 import argparse
 import os
-import re
 import shutil
 import subprocess
 import sys
@@ -19,13 +18,12 @@ sys.path.insert(0, os.path.join(HERE, "..", "support"))
 sys.path.insert(0, HERE)
 import bb  # noqa: E402
 import simdev  # noqa: E402
-from browser import Browser, BrowserError  # noqa: E402
+from browser import Browser, archive_members  # noqa: E402
 
 NODE_DIR = None
 ARTIFACTS = None
 CGI = "cgi-bin/nph-debug.cgi"
 BAD_REQUEST = "The request has bad syntax or was inherently impossible to satisfy"
-ARCHIVE_RE = re.compile(r"^debug-\d{8}-\d{6}-c(\d+)/")
 
 # Who holds the device's established connections on port 80: for each, the
 # names of the processes with the socket among their descriptors.
@@ -268,21 +266,15 @@ class DebugPage(unittest.TestCase):
         self.shot("archive-running.png", full=False)
         path = os.path.join(self.tmp, "debug.tgz")
         self.assertEqual(self.b.save_download(name="archive", path=path), "debug.tgz")
-        r = subprocess.run(["tar", "-tzf", path], capture_output=True, timeout=120)
-        self.assertEqual(r.returncode, 0, r.stderr)
-        names = r.stdout.decode().splitlines()
-        m = ARCHIVE_RE.match(names[0])
-        self.assertTrue(m, names[0])
-        rel = [n[len(m.group(0)):] for n in names]
+        top, rel, cores = archive_members(path)
         self.assertEqual(rel[:2], ["dbg-monitor.txt", "media.conf"])
         at = rel.index("strace.log")
         self.assertEqual(rel[at:at + 4], ["strace.log", "netdump.cap", "sysdigest.txt", "oopslog"])
-        cores = {n.split(".")[0] for n in rel if n.endswith("/core")}
         for prog in ("hearth", "mediad", "storaged", "mini_httpd"):
             self.assertIn(prog, cores)
         # the web server was traced like every process, and the download went on
         with tarfile.open(path) as t:
-            trace = t.extractfile(m.group(0) + "strace.log").read().decode(errors="replace")
+            trace = t.extractfile(top + "strace.log").read().decode(errors="replace")
         self.assertIn(str(self.pid_of("mini_httpd")), trace)
         self.b.wait_text(sel="#archive-status", text="Saved debug.tgz")
 

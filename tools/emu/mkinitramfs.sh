@@ -43,7 +43,7 @@ usr/bin/seq usr/bin/stat usr/bin/nproc usr/bin/printf usr/bin/test
 usr/bin/expr usr/bin/find usr/bin/xargs usr/bin/sort usr/bin/uniq usr/bin/cut
 usr/bin/basename usr/bin/dirname usr/bin/realpath usr/bin/truncate
 usr/bin/tee usr/bin/mkfifo usr/bin/du usr/bin/diff sbin/losetup bin/ip
-usr/bin/base64 bin/gzip usr/bin/iostat usr/bin/pidstat usr/sbin/mini_httpd"
+usr/bin/base64 bin/gzip usr/bin/iostat usr/bin/pidstat usr/sbin/mini_httpd bin/ps"
 for p in $programs; do
     found=""
     for base in "$sysroot" "$extra"; do

@@ -53,9 +53,11 @@ append="$append tn.limit=$((limit * 2 / 3))"
 # 256 MB is all the low memory the board has; no network device: the guest's
 # only network is its own veth pair.  A serving board has a network card on
 # qemu's user network, reachable only through the forwarded loopback port.
-nic=none
-[ $mode = serve ] && nic="user,model=pcnet,restrict=on,hostfwd=${TOOLNEST_EMU_HOSTFWD:-tcp:127.0.0.1:8080-:80}"
-set -- qemu-system-mipsel -M malta -m 256 -no-reboot -nic "$nic" -vga none \
+# (Its boot ROM is not needed: the kernel is loaded directly.)
+net="-nic none"
+[ $mode = serve ] && net="-netdev user,id=net0,restrict=on,hostfwd=${TOOLNEST_EMU_HOSTFWD:-tcp:127.0.0.1:8080-:80} -device pcnet,netdev=net0,romfile="
+# shellcheck disable=SC2086 # $net is several words
+set -- qemu-system-mipsel -M malta -m 256 -no-reboot $net -vga none \
     -kernel "$cache/kernel/vmlinuz" -initrd "$out/initramfs.cpio.gz" -append "$append"
 
 if [ $mode = shell ]; then
