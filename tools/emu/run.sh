@@ -68,7 +68,9 @@ fi
 log="$out/console.log"
 if [ $mode = serve ]; then
     echo "emu: booting the board to serve the debug page, console log $log"
-    exec "$@" -serial "file:$log" -monitor none -display none </dev/null
+    # qemu's own messages (packets the restricted network drops) go to a file.
+    echo "emu: qemu's messages in $out/qemu.err"
+    exec "$@" -serial "file:$log" -monitor none -display none </dev/null 2>"$out/qemu.err"
 fi
 results="$out/results.txt"
 rm -f "$log" "$results"
