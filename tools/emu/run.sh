@@ -6,7 +6,9 @@
 #
 # --serve boots the board as a device with the debug service and its web
 # server and keeps it running until qemu is stopped; qemu's user network
-# forwards TOOLNEST_EMU_HOSTFWD (default tcp:127.0.0.1:8080-:80) to it.
+# forwards TOOLNEST_EMU_HOSTFWD (default tcp:127.0.0.1:8080-:80) to it.  Its
+# console (a shell) goes to BUILD/emu/console.log, or with
+# TOOLNEST_EMU_CONSOLE=stdio to qemu's standard input and output.
 #
 # BUILD is a built mipsel tree (build/mipsel), SYSROOT the mipsel sysroot
 # (default build/sysroot-mipsel).  Downloads are cached in TOOLNEST_EMU_CACHE
@@ -70,6 +72,9 @@ if [ $mode = serve ]; then
     echo "emu: booting the board to serve the debug page, console log $log"
     # qemu's own messages (packets the restricted network drops) go to a file.
     echo "emu: qemu's messages in $out/qemu.err"
+    if [ "${TOOLNEST_EMU_CONSOLE:-}" = stdio ]; then
+        exec "$@" -serial stdio -monitor none -display none 2>"$out/qemu.err"
+    fi
     exec "$@" -serial "file:$log" -monitor none -display none </dev/null 2>"$out/qemu.err"
 fi
 results="$out/results.txt"
