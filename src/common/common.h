@@ -31,9 +31,6 @@ int sys_run_nowait(const char *path, char *const argv[], int fd_in, int fd_out,
 int sys_run(const char *path, char *const argv[], int fd_in, int fd_out, int fd_err,
             int traceme);
 
-// Entry of an applet that this build does not contain: says so on stderr and
-// returns exit status 1.
-int applet_unbuilt(const char *name);
 
 // Owns a descriptor and closes it when it goes out of scope.
 class unique_fd {

@@ -234,29 +234,8 @@ class DebugService:
     # ---- the device ----
 
     def path(self, p):
-        """A path of the device, seen from here.  Symbolic links on the way
-        (/var/run -> /run) are followed inside the device's root, not ours."""
-        parts = [x for x in p.split("/") if x]
-        done = []
-        hops = 0
-        while parts:
-            part = parts.pop(0)
-            if part == "..":
-                if done:
-                    done.pop()
-                continue
-            here = self.root + "/" + "/".join(done + [part])
-            if parts and os.path.islink(here):
-                hops += 1
-                if hops > 40:
-                    raise OSError(f"too many links in {p}")
-                target = os.readlink(here)
-                if target.startswith("/"):
-                    done = []
-                parts = [x for x in target.split("/") if x] + parts
-                continue
-            done.append(part)
-        return self.root + "/" + "/".join(done)
+        """A path of the device, seen from here (simdev.Device.host_path)."""
+        return self.dev.host_path(p)
 
     def install_standins(self):
         for name in STANDINS:

@@ -126,6 +126,34 @@ class Device:
         kw.setdefault("start_new_session", True)
         return subprocess.Popen(self.peer_command(args), **kw)
 
+    def host_path(self, path):
+        """A path of the device as this machine reaches it (through
+        /proc/INIT/root).  Symbolic links on the way (/var/run -> /run) are
+        followed inside the device's root, not the machine's; the last
+        component is taken as it is."""
+        root = f"/proc/{self.init_pid}/root"
+        parts = [x for x in path.split("/") if x]
+        done = []
+        hops = 0
+        while parts:
+            part = parts.pop(0)
+            if part == "..":
+                if done:
+                    done.pop()
+                continue
+            here = root + "/" + "/".join(done + [part])
+            if parts and os.path.islink(here):
+                hops += 1
+                if hops > 40:
+                    raise OSError(f"too many links in {path}")
+                target = os.readlink(here)
+                if target.startswith("/"):
+                    done = []
+                parts = [x for x in target.split("/") if x] + parts
+                continue
+            done.append(part)
+        return root + "/" + "/".join(done)
+
     @staticmethod
     def kill(p, sig=signal.SIGKILL):
         """Signals a process from popen/peer_popen, and what it started inside

@@ -32,9 +32,9 @@ chmod 1777 tmp var/tmp
 
 # Programs of the board: /init and the runner, the tests' own needs (a shell,
 # coreutils the unit tests start, the caging tools), iproute2 for the veth pair,
-# the device's web server.
+# the device's web server and the process list of the debug service.
 programs="bin/dash bin/echo bin/true bin/false bin/cat bin/ls bin/mkdir bin/rm
-bin/ln bin/cp bin/mv bin/mount bin/umount bin/sleep bin/grep bin/sed bin/dd
+bin/ln bin/cp bin/mv bin/mount bin/umount bin/sleep bin/grep bin/sed bin/dd bin/chown
 bin/mknod bin/uname bin/dmesg bin/readlink bin/mktemp bin/chmod bin/touch
 bin/hostname bin/sync usr/bin/env usr/bin/prlimit usr/bin/unshare
 usr/bin/setpriv usr/bin/timeout usr/bin/setsid usr/bin/nsenter usr/bin/id
@@ -43,7 +43,8 @@ usr/bin/seq usr/bin/stat usr/bin/nproc usr/bin/printf usr/bin/test
 usr/bin/expr usr/bin/find usr/bin/xargs usr/bin/sort usr/bin/uniq usr/bin/cut
 usr/bin/basename usr/bin/dirname usr/bin/realpath usr/bin/truncate
 usr/bin/tee usr/bin/mkfifo usr/bin/du usr/bin/diff sbin/losetup bin/ip
-usr/bin/base64 bin/gzip usr/bin/iostat usr/bin/pidstat usr/sbin/mini_httpd bin/ps"
+usr/bin/base64 bin/gzip usr/bin/iostat usr/bin/pidstat usr/sbin/vsftpd
+usr/sbin/mini_httpd bin/ps"
 for p in $programs; do
     found=""
     for base in "$sysroot" "$extra"; do
@@ -149,8 +150,10 @@ while :; do
     [ $added = 1 ] || break
 done
 
-printf 'root:x:0:0:root:/root:/bin/sh\nnobody:x:65534:65534:nobody:/nonexistent:/bin/false\n' > etc/passwd
-printf 'root:x:0:\nnogroup:x:65534:\n' > etc/group
+# ftp: the user vsftpd maps anonymous logins to (check:coredump).
+printf 'root:x:0:0:root:/root:/bin/sh\nftp:x:100:101:ftp:/srv/ftp:/bin/false\nnobody:x:65534:65534:nobody:/nonexistent:/bin/false\n' > etc/passwd
+printf 'root:x:0:\nftp:x:101:\nnogroup:x:65534:\n' > etc/group
+mkdir -p srv/ftp
 echo toolnest-board > etc/hostname
 printf 'passwd: files\ngroup: files\nhosts: files\n' > etc/nsswitch.conf
 printf '127.0.0.1 localhost\n' > etc/hosts

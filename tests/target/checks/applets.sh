@@ -61,16 +61,6 @@ sigpipe_ignored() {
     [ "$(cat status)" = 0 ] || bad "ctest into a closed pipe: status $(cat status)"
 }
 
-unbuilt_applets() {
-    # Applets whose module is not written yet; a name leaves this list when its
-    # module arrives (and its own checks take over).
-    for n in coredump-handler debugar.cgi; do
-        run caged 3 $B/$n -p 999999
-        want_rc 1
-        want_err '%s: applet not built into this toolnest\n' $n
-    done
-}
-
 check layout layout
 check toolnest-alone alone
 check unknown-applet unknown
@@ -78,4 +68,3 @@ check one-toolnest-word one_toolnest_word
 check prefixes-are-unknown prefixes_unknown
 check ctest-spellings ctest_spellings
 check sigpipe-ignored sigpipe_ignored
-check unbuilt-applets unbuilt_applets

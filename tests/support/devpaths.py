@@ -1,0 +1,231 @@
+"""Reaching into a running simulated device from outside: the device's
+syslog, its listening sockets, a real FTP server inside it and a stand-in
+for the receiver of the crash socket."""
+import os
+import pwd
+import re
+import select
+import shutil
+import signal
+import socket
+import subprocess
+import threading
+import time
+
+
+def deadline_wait(cond, what, seconds=30):
+    end = time.monotonic() + seconds
+    while not cond():
+        if time.monotonic() > end:
+            raise AssertionError("timed out waiting for " + what)
+        time.sleep(0.01)
+
+
+SYSLOG_LINE = re.compile(r"^<(\d+)>([A-Z][a-z]{2} [ 0-9]\d \d\d:\d\d:\d\d) (.*)$", re.S)
+
+
+class Syslog:
+    """The device's /dev/log: a datagram socket the test binds and reads.
+    take() gives [(priority, text after the time stamp)] of everything logged
+    since the last call."""
+
+    def __init__(self, dev):
+        self.path = dev.host_path("/dev/log")
+        if os.path.lexists(self.path):
+            os.unlink(self.path)
+        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.sock.bind(self.path)
+        os.chmod(self.path, 0o666)
+        self.sock.setblocking(False)
+
+    def take(self):
+        out = []
+        while True:
+            try:
+                data = self.sock.recv(65536)
+            except BlockingIOError:
+                return out
+            m = SYSLOG_LINE.match(data.decode("latin-1"))
+            if not m:
+                raise AssertionError(f"not a syslog datagram: {data!r}")
+            out.append((int(m.group(1)), m.group(3)))
+
+    def close(self):
+        self.sock.close()
+        try:
+            os.unlink(self.path)
+        except FileNotFoundError:
+            pass
+
+
+def listening(dev, port):
+    """True when something in the device listens on TCP port (IPv4)."""
+    with open(f"/proc/{dev.init_pid}/net/tcp") as f:
+        for line in f.readlines()[1:]:
+            cols = line.split()
+            if cols[1].endswith(f":{port:04X}") and cols[3] == "0A":
+                return True
+    return False
+
+
+class FtpServer:
+    """vsftpd inside the device on 127.0.0.1:port, anonymous login, uploads
+    into /upload.  other_write: renames allowed for anonymous users (RNFR
+    answered 350); max_rate: bytes per second, 0 for no limit; upload: uploads
+    allowed at all."""
+
+    _next_port = 2121
+
+    def __init__(self, dev, other_write=True, max_rate=0, upload=True):
+        self.dev = dev
+        FtpServer._next_port += 1
+        self.port = FtpServer._next_port
+        self.base = f"/tmp/ftp-{self.port}"
+        host_base = dev.host_path(self.base)
+        shutil.rmtree(host_base, ignore_errors=True)
+        ftp = pwd.getpwnam("ftp")
+        os.makedirs(host_base + "/root/upload")
+        os.makedirs(host_base + "/empty")
+        os.chmod(host_base + "/root", 0o755)
+        os.chown(host_base + "/root/upload", ftp.pw_uid, ftp.pw_gid)
+        self.upload_dir = host_base + "/root/upload"
+        conf = f"""listen=YES
+listen_address=127.0.0.1
+listen_port={self.port}
+background=NO
+anonymous_enable=YES
+local_enable=NO
+write_enable=YES
+anon_upload_enable={'YES' if upload else 'NO'}
+anon_other_write_enable={'YES' if other_write else 'NO'}
+anon_max_rate={max_rate}
+anon_root={self.base}/root
+ftp_username=ftp
+no_anon_password=YES
+secure_chroot_dir={self.base}/empty
+seccomp_sandbox=NO
+anon_umask=022
+syslog_enable=NO
+xferlog_enable=NO
+"""
+        with open(host_base + "/vsftpd.conf", "w") as f:
+            f.write(conf)
+        self.proc = dev.popen(["/usr/sbin/vsftpd", self.base + "/vsftpd.conf"],
+                              stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+        try:
+            deadline_wait(lambda: listening(dev, self.port) or self.proc.poll() is not None,
+                          "vsftpd to listen")
+        except AssertionError:
+            self.stop()
+            raise
+        if self.proc.poll() is not None:
+            raise RuntimeError("vsftpd ended: " + self.proc.stderr.read().decode(errors="replace"))
+
+    @property
+    def url(self):
+        return f"ftp://127.0.0.1:{self.port}"
+
+    def files(self):
+        out = {}
+        for name in os.listdir(self.upload_dir):
+            with open(os.path.join(self.upload_dir, name), "rb") as f:
+                out[name] = f.read()
+        return out
+
+    def pause(self):
+        """The server and its sessions stop answering."""
+        self.dev.kill(self.proc, signal.SIGSTOP)
+
+    def stop(self):
+        self.dev.kill(self.proc, signal.SIGKILL)
+        self.dev.kill(self.proc, signal.SIGCONT)
+        self.proc.wait()
+        self.proc.stderr.close()
+
+
+class CrashSocketStandIn:
+    """Accepts at the device's crash socket path in place of the debug
+    service.  The handler never ends its side before the answer, so the
+    stand-in is told how long the core is (expect).  Modes: "ack" reads the
+    core, answers ack_bytes, then reads to the end; "silent" reads to the end
+    without answering (the handler's own time limit ends it); "reject" closes
+    every connection unread.  received: one bytes object per connection
+    (None when rejected); core_times and eof_times: monotonic times at which
+    expect bytes had arrived and at which the connection ended; on_core, if
+    given, runs when expect bytes arrived, before the answer."""
+
+    def __init__(self, dev, mode="ack", ack_bytes=b"ok", expect=None, on_core=None):
+        self.path = dev.host_path("/var/run/dbg-cgi/ctrl-segf-socket")
+        if os.path.lexists(self.path):
+            os.unlink(self.path)
+        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.sock.bind(self.path)
+        self.sock.listen(2)
+        self.mode = mode
+        self.ack_bytes = ack_bytes
+        self.expect = expect
+        self.on_core = on_core
+        self.received = []
+        self.core_times = []
+        self.eof_times = []
+        self.errors = []
+        self.resets = 0
+        self.stopping = threading.Event()
+        self.thread = threading.Thread(target=self._serve, daemon=True)
+        self.thread.start()
+
+    def _serve(self):
+        while not self.stopping.is_set():
+            r, _, _ = select.select([self.sock], [], [], 0.05)
+            if not r:
+                continue
+            conn, _ = self.sock.accept()
+            try:
+                self._one(conn)
+            except OSError as e:
+                self.errors.append(e)
+            finally:
+                conn.close()
+
+    def _one(self, conn):
+        if self.mode == "reject":
+            self.received.append(None)
+            return
+        data = bytearray()
+        answered = False
+        while True:
+            if not answered and self.expect is not None and len(data) >= self.expect:
+                self.core_times.append(time.monotonic())
+                if self.on_core:
+                    self.on_core()
+                if self.mode == "ack":
+                    try:
+                        conn.sendall(self.ack_bytes)
+                    except (BrokenPipeError, ConnectionResetError):
+                        pass
+                answered = True
+            try:
+                chunk = conn.recv(1 << 16)
+            except ConnectionResetError:
+                # The handler closed with part of the answer unread.
+                self.resets += 1
+                break
+            if not chunk:
+                break
+            data += chunk
+        self.eof_times.append(time.monotonic())
+        self.received.append(bytes(data))
+
+    def wait(self, count, seconds=30):
+        """received, once count connections have ended."""
+        deadline_wait(lambda: len(self.received) >= count, f"{count} crash connections", seconds)
+        return self.received
+
+    def close(self):
+        self.stopping.set()
+        self.thread.join()
+        self.sock.close()
+        try:
+            os.unlink(self.path)
+        except FileNotFoundError:
+            pass
