@@ -125,6 +125,7 @@ class BoardPage(unittest.TestCase):
         self.assertEqual(int.from_bytes(core[18:20], "little"), 8, "EM_MIPS")
         self.assertIn(b"segfault", core)
         self.b.wait_text(sel="#listen-status", text="of the process that crashed")
+        self.b.scroll(sel="#listen")
         self.b.screenshot(path=os.path.join(ARGS.artifacts, "board-crash.png"), full=False)
 
 

@@ -276,6 +276,7 @@ class DebugPage(unittest.TestCase):
         self.b.click(sel="#listen-start")
         self.b.wait_text(sel="#listen-status", text="Waiting for a process to crash")
         wait_until("the listener", lambda: self.holders("debugar.cgi"))
+        self.b.scroll(sel="#listen")
         self.shot("listen.png", full=False)
         # The kernel's part: a core piped into the handler.  The core pattern
         # is the machine's, not the device's, so the test plays the kernel
