@@ -43,6 +43,8 @@ class Service(unittest.TestCase):
     def tearDownClass(cls):
         cls.svc.close()
         shutil.rmtree(cls.tmp, ignore_errors=True)
+        if cls.svc.final_reports:
+            raise AssertionError("sanitizer reports of the daemon:\n" + cls.svc.final_reports)
 
     def setUp(self):
         self.svc.syslog.clear()
@@ -59,7 +61,7 @@ class Service(unittest.TestCase):
         """curl in the peer registering as listener; returns (Popen, output
         file, header file).  Waits until the daemon holds its connection
         (unless a stored dump will be sent to it at once)."""
-        before = len(self.svc.sockets())
+        before = len(self.svc.tcp_connections())
         out = os.path.join(self.tmp, out)
         hdr = out + ".hdr"
         for f in (out, hdr):
@@ -71,9 +73,14 @@ class Service(unittest.TestCase):
             self.svc.listener_count_wait(before)
         return p, out, hdr
 
-    def push_crash(self, data):
+    def push_crash(self, data, listener=True):
         c = self.svc.crash_connect()
-        c.sendall(data)
+        try:
+            c.sendall(data)
+        except (BrokenPipeError, ConnectionResetError):
+            # Without a listener the daemon may close it before it is sent.
+            if listener:
+                raise
         c.close()
 
 
@@ -115,12 +122,14 @@ class StartUp(Service):
         self.assertEqual(lines[dbgdev.SEGF_SOCKET][:2], ["u_str", "LISTEN"])
         self.assertEqual(lines[dbgdev.SEGF_SOCKET][3], "2")
         # The monitor thread: idle scheduling class, its report in the run directory.
-        self.assertEqual(self.svc.threads(), 2)
         policies = []
         for tid in os.listdir(f"/proc/{pid}/task"):
             with open(f"/proc/{pid}/task/{tid}/stat") as f:
                 policies.append(int(f.read().rsplit(")", 1)[1].split()[38]))
-        self.assertEqual(sorted(policies), [0, 5])  # SCHED_OTHER, SCHED_IDLE
+        # SCHED_IDLE for the monitor, SCHED_OTHER for the main thread (and a
+        # sanitizer's own thread).
+        self.assertEqual(policies.count(5), 1, policies)
+        self.assertEqual(set(policies), {0, 5})
         report = self.svc.path("/var/run/dbg-cgi/dbg-monitor.txt")
         wait_for(lambda: open(report, "rb").read().startswith(b"Debug monitor status round=1\n\n"),
                  "the monitor's first report")
@@ -136,7 +145,7 @@ class StartUp(Service):
             self.assertEqual(os.stat(self.svc.path(p)).st_mode & 0o170000, 0o140000, p)
         head, body = self.svc.get("/x?cmd=ps")
         self.assertEqual(head, dbgdev.header("text/plain", "psdump.txt"))
-        self.push_crash(b"x")  # the crash socket takes connections
+        self.push_crash(b"x", listener=False)  # the crash socket takes connections
         self.svc.sync()
 
     def test_socket_paths_from_options(self):
@@ -166,8 +175,10 @@ class StartUp(Service):
 
     def test_daemon_that_cannot_detach(self):
         # No process may be started: daemon() fails, perror says so.
+        # (The leak checker of a sanitizer build cannot start threads either.)
         r = self.svc.dev.run(["prlimit", "--nproc=1", "setpriv", "--reuid=65534", "--regid=65534",
-                              "--clear-groups", "debugar.cgi", "-c", "/tmp/c3", "-s", "/tmp/s3"])
+                              "--clear-groups", "debugar.cgi", "-c", "/tmp/c3", "-s", "/tmp/s3"],
+                             env={"ASAN_OPTIONS": "detect_leaks=0"})
         self.assertEqual(r.returncode, 1)
         self.assertEqual(r.stderr, b"daemon\n: Resource temporarily unavailable\n")
         self.assertFalse(os.path.exists(self.svc.path("/tmp/c3")))
@@ -307,9 +318,10 @@ class Push(Service):
         del base["rss_kib"]
         c = self.svc.crash_connect()
         c.settimeout(30)
-        c.sendall(b"core bytes" * 100)
-        # Closed with the bytes still unread on its side: a reset, not an end.
-        with self.assertRaises(ConnectionResetError):
+        # Closed with the bytes still unread on its side: a reset, not an end
+        # (or, closed before they were sent, a broken pipe).
+        with self.assertRaises((ConnectionResetError, BrokenPipeError)):
+            c.sendall(b"core bytes" * 100)
             c.recv(10)
         c.close()
         self.svc.sync()
