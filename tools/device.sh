@@ -30,6 +30,7 @@ caged() {
         timeout -s KILL "$limit" "$@"
 }
 
+mkdir -p "$root/tmp"
 echo "== installed into $root"
 (cd "$root" && find . -path ./usr/include -prune -o \( -type f -o -type l \) -print | sort)
 
@@ -38,6 +39,16 @@ show "$bin/toolnest" ctest
 show "$bin/ctest"
 show "$bin/toolnest" monitor
 show "$bin/coredump-handler"
+
+# A core of a running process by memsnap (the report line first), opened by
+# gdb; the process runs on.
+sleep 60 &
+sleeper=$!
+show sh -c "\"$bin/memsnap\" -c \"$root/tmp/sleep.core\" $sleeper &&
+    gdb -nx -batch -iex 'set debuginfod enabled off' -ex bt /bin/sleep \"$root/tmp/sleep.core\" 2>&1 |
+    grep -E '^#|^Core was' && grep State: /proc/$sleeper/status"
+kill $sleeper
+rm -f "$root/tmp/sleep.core"
 
 # The system-call tracer on a started command (the interesting lines only).
 show sh -c "\"$bin/tstrace\" /bin/echo hello | grep -E '(write|exit_group)\\(|open fds'"

@@ -186,6 +186,13 @@ int snap_read_regs(snap_threads *ts)
                 free(data);
                 continue;
             }
+            // Only what the kernel filled is kept: processes with many
+            // threads keep many of these.
+            if (v.iov_len < rs.max) {
+                void *fit = realloc(data, v.iov_len);
+                if (fit)
+                    data = static_cast<unsigned char *>(fit);
+            }
             snap_regdata &x = t->extra[t->nextra++];
             x.type = rs.type;
             x.name = rs.name;

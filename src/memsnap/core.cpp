@@ -12,7 +12,9 @@
 #include <elf.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <stdio.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
@@ -155,84 +157,197 @@ void thread_notes(const snap_proc *p, const snap_thread &t, const unsigned long 
         note(out, t.extra[r].name, t.extra[r].type, t.extra[r].data, t.extra[r].size);
 }
 
-// The output: one buffer, written in large pieces.
-alignas(4096) unsigned char iobuf[1 << 20];
+// The output: a ring of buffers.  The dumping thread fills them (headers,
+// notes, memory) while a writer thread empties them into the descriptor, so
+// reading the process and writing the core overlap; the memory held stays at
+// the size of the ring, whatever the size of the core.
+enum { RING = 4, CHUNK = 1 << 20 };
+alignas(4096) unsigned char ring_buf[RING][CHUNK];
 
-struct writer {
-    int fd;
-    size_t used = 0;
-    uint64_t written = 0;
-    int failed = 0;
-
-    int flush()
+class writer {
+public:
+    writer(int fd) : fd_(fd)
     {
-        if (failed)
-            return -1;
-        if (used && safe_write(fd, iobuf, static_cast<unsigned>(used)) < 0) {
-            failed = errno;
-            return -1;
-        }
-        written += used;
-        used = 0;
-        return 0;
+        pthread_mutex_init(&mu_, nullptr);
+        pthread_cond_init(&cv_, nullptr);
+        // Without a thread the same ring is written synchronously.
+        threaded_ = pthread_create(&thread_, nullptr, run, this) == 0;
     }
+    ~writer()
+    {
+        finish();
+        pthread_cond_destroy(&cv_);
+        pthread_mutex_destroy(&mu_);
+    }
+    writer(const writer &) = delete;
+    writer &operator=(const writer &) = delete;
+
     int put(const void *data, size_t n)
     {
         const unsigned char *d = static_cast<const unsigned char *>(data);
         while (n) {
-            if (used == sizeof iobuf && flush() < 0)
+            if (used_ == CHUNK && submit() < 0)
                 return -1;
-            size_t k = n < sizeof iobuf - used ? n : sizeof iobuf - used;
+            size_t k = n < CHUNK - used_ ? n : CHUNK - used_;
             if (d) {
-                memcpy(iobuf + used, d, k);
+                memcpy(ring_buf[head_] + used_, d, k);
                 d += k;
             } else {
-                memset(iobuf + used, 0, k);
+                memset(ring_buf[head_] + used_, 0, k);
             }
-            used += k;
+            used_ += k;
             n -= k;
         }
         return 0;
     }
-    int put_mem(int mem_fd, uint64_t addr, uint64_t n, unsigned pagesize)
+    int put_mem(int pid, int mem_fd, uint64_t addr, uint64_t n, unsigned pagesize)
     {
         while (n) {
-            if (used == sizeof iobuf && flush() < 0)
+            if (used_ == CHUNK && submit() < 0)
                 return -1;
-            size_t k = n < sizeof iobuf - used ? static_cast<size_t>(n) : sizeof iobuf - used;
-            snap_read_mem(mem_fd, addr, iobuf + used, k, pagesize);
-            used += k;
+            size_t k = n < CHUNK - used_ ? static_cast<size_t>(n) : CHUNK - used_;
+            snap_read_mem(pid, mem_fd, addr, ring_buf[head_] + used_, k, pagesize);
+            used_ += k;
             addr += k;
             n -= k;
         }
         return 0;
     }
+    // Writes what is left and waits for the writer: the bytes written, and
+    // the errno of a failed write (0 when none).
+    uint64_t finish(int *err = nullptr)
+    {
+        if (!finished_) {
+            submit();
+            finished_ = true;
+            if (threaded_) {
+                pthread_mutex_lock(&mu_);
+                done_ = true;
+                pthread_cond_broadcast(&cv_);
+                pthread_mutex_unlock(&mu_);
+                pthread_join(thread_, nullptr);
+            }
+        }
+        pthread_mutex_lock(&mu_);
+        uint64_t w = written_;
+        if (err)
+            *err = failed_;
+        pthread_mutex_unlock(&mu_);
+        return w;
+    }
+
+private:
+    // Hands the buffer being filled to the writer and takes the next free
+    // one; -1 once a write failed.
+    int submit()
+    {
+        size_t n = used_;
+        used_ = 0;
+        if (!threaded_) {
+            if (n && !failed_ && safe_write(fd_, ring_buf[head_], static_cast<unsigned>(n)) < 0)
+                failed_ = errno;
+            else if (!failed_)
+                written_ += n;
+            return failed_ ? -1 : 0;
+        }
+        pthread_mutex_lock(&mu_);
+        if (n) {
+            len_[head_] = n;
+            head_ = (head_ + 1) % RING;
+            full_++;
+            pthread_cond_broadcast(&cv_);
+        }
+        while (full_ == RING && !failed_)
+            pthread_cond_wait(&cv_, &mu_);
+        int r = failed_ ? -1 : 0;
+        pthread_mutex_unlock(&mu_);
+        return r;
+    }
+
+    static void *run(void *arg)
+    {
+        static_cast<writer *>(arg)->drain();
+        return nullptr;
+    }
+    void drain()
+    {
+        pthread_mutex_lock(&mu_);
+        for (;;) {
+            while (full_ == 0 && !done_)
+                pthread_cond_wait(&cv_, &mu_);
+            if (full_ == 0)
+                break;
+            int i = tail_;
+            size_t n = len_[i];
+            bool skip = failed_ != 0;
+            pthread_mutex_unlock(&mu_);
+            // After a failure the rest is dropped, so the filler never waits.
+            int e = 0;
+            if (!skip && safe_write(fd_, ring_buf[i], static_cast<unsigned>(n)) < 0)
+                e = errno;
+            pthread_mutex_lock(&mu_);
+            if (e)
+                failed_ = e;
+            else if (!skip)
+                written_ += n;
+            tail_ = (tail_ + 1) % RING;
+            full_--;
+            pthread_cond_broadcast(&cv_);
+        }
+        pthread_mutex_unlock(&mu_);
+    }
+
+    int fd_;
+    bool threaded_ = false;
+    bool finished_ = false;
+    pthread_t thread_;
+    pthread_mutex_t mu_;
+    pthread_cond_t cv_;
+    // The filler's own: the buffer it fills and how far.
+    size_t used_ = 0;
+    // Shared under mu_ (head_ is the filler's, read by nobody else).
+    int head_ = 0, tail_ = 0, full_ = 0;
+    size_t len_[RING] = {};
+    bool done_ = false;
+    int failed_ = 0;
+    uint64_t written_ = 0;
 };
 
 } // namespace
 
-uint64_t snap_read_mem(int mem_fd, uint64_t addr, unsigned char *buf, size_t len, unsigned pagesize)
+uint64_t snap_read_mem(int pid, int mem_fd, uint64_t addr, unsigned char *buf, size_t len,
+                       unsigned pagesize)
 {
     size_t done = 0;
     uint64_t zeroed = 0;
     while (done < len) {
-        ssize_t n = pread(mem_fd, buf + done, len - done, static_cast<off_t>(addr + done));
+        // Straight from the process in one copy; it stops at the first page
+        // the process itself could not read.
+        iovec local = {buf + done, len - done};
+        iovec remote = {reinterpret_cast<void *>(static_cast<uintptr_t>(addr + done)), len - done};
+        ssize_t n = process_vm_readv(pid, &local, 1, &remote, 1, 0);
         if (n > 0) {
             done += static_cast<size_t>(n);
             continue;
         }
-        if (n < 0 && errno == EINTR)
-            continue;
-        // The page at addr + done cannot be read (I/O mapping, a hole in a
-        // truncated file): zeros up to the next page keep the length exact.
+        // That page through /proc/PID/mem, which also reads pages the
+        // process has no access to; what even that cannot read (I/O memory,
+        // a hole in a truncated file) becomes zeros, so the length stays exact.
         uint64_t at = addr + done;
-        uint64_t next = (at / pagesize + 1) * pagesize;
-        size_t k = static_cast<size_t>(next - at);
+        size_t k = static_cast<size_t>((at / pagesize + 1) * pagesize - at);
         if (k > len - done)
             k = len - done;
-        memset(buf + done, 0, k);
+        size_t got = 0;
+        while (got < k) {
+            ssize_t r = pread(mem_fd, buf + done + got, k - got, static_cast<off_t>(at + got));
+            if (r > 0)
+                got += static_cast<size_t>(r);
+            else if (!(r < 0 && errno == EINTR))
+                break;
+        }
+        memset(buf + done + got, 0, k - got);
+        zeroed += k - got;
         done += k;
-        zeroed += k;
     }
     return zeroed;
 }
@@ -383,8 +498,7 @@ int snap_plan(const snap_proc *p, uint64_t notes_size, snap_layout *lay)
 int snap_write_core(const snap_proc *p, const snap_buf *notes, const snap_layout *lay, int fd)
 {
     const snap_maps &m = *p->maps;
-    writer w;
-    w.fd = fd;
+    writer w(fd);
 
     Ehdr eh;
     memset(&eh, 0, sizeof eh);
@@ -433,7 +547,7 @@ int snap_write_core(const snap_proc *p, const snap_buf *notes, const snap_layout
     w.put(notes->p, notes->len);
     w.put(nullptr, lay->data_off - lay->notes_off - notes->len);
     for (int i = 0; i < m.v.n; i++)
-        if (m.v[i].dump && w.put_mem(p->mem_fd, m.v[i].start, m.v[i].dump, p->pagesize) < 0)
+        if (m.v[i].dump && w.put_mem(p->mem_pid, p->mem_fd, m.v[i].start, m.v[i].dump, p->pagesize) < 0)
             break;
     if (lay->extnum) {
         Shdr sh;
@@ -442,10 +556,12 @@ int snap_write_core(const snap_proc *p, const snap_buf *notes, const snap_layout
         sh.sh_info = static_cast<decltype(sh.sh_info)>(lay->phnum);
         w.put(&sh, sizeof sh);
     }
-    if (w.flush() < 0)
-        return snap_fail("cannot write the core: %s", strerror(w.failed));
-    if (w.written != lay->total)
-        return snap_fail("wrote %llu bytes of a core of %llu", static_cast<unsigned long long>(w.written),
+    int err;
+    uint64_t written = w.finish(&err);
+    if (err)
+        return snap_fail("cannot write the core: %s", strerror(err));
+    if (written != lay->total)
+        return snap_fail("wrote %llu bytes of a core of %llu", static_cast<unsigned long long>(written),
                          static_cast<unsigned long long>(lay->total));
     return 0;
 }

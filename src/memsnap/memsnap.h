@@ -189,7 +189,8 @@ int snap_vma_dump_kind(const snap_vma &m, const char *name, unsigned filter);
 struct snap_proc {
     int pid;  // the requested thread: its registers come first
     int tgid;
-    int mem_fd;
+    int mem_pid; // a held thread whose address space is read
+    int mem_fd;  // its /proc/TGID/task/TID/mem
     unsigned pagesize;
     uint32_t eflags;
     elf_prpsinfo psinfo;
@@ -220,9 +221,10 @@ int snap_plan(const snap_proc *p, uint64_t notes_size, snap_layout *lay);
 // reason recorded (the output failed).
 int snap_write_core(const snap_proc *p, const snap_buf *notes, const snap_layout *lay, int fd);
 
-// Reads len bytes of the address space at addr into buf; pages that cannot be
-// read come out as zeros.  Returns the number of such zero-filled bytes.
-uint64_t snap_read_mem(int mem_fd, uint64_t addr, unsigned char *buf, size_t len,
+// Reads len bytes of the address space of pid (mem_fd: its /proc/PID/mem) at
+// addr into buf; pages that cannot be read come out as zeros.  Returns the
+// number of such zero-filled bytes.
+uint64_t snap_read_mem(int pid, int mem_fd, uint64_t addr, unsigned char *buf, size_t len,
                        unsigned pagesize);
 
 // Fills the process-wide facts of p (psinfo, auxv, eflags): 0 or -1.

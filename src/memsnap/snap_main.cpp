@@ -95,6 +95,7 @@ int snap_main(int argc, char **argv)
         return fail_exit();
     }
     proc.mem_fd = mem.get();
+    proc.mem_pid = live;
     snprintf(path, sizeof path, "/proc/%d/task/%d/smaps", proc.tgid, live);
     unique_fd smaps(open(path, O_RDONLY | O_CLOEXEC));
     if (!smaps.valid() || snap_parse_smaps(&maps, smaps.get()) < 0) {

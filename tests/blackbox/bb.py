@@ -37,6 +37,19 @@ def run(program, *args, timeout=60, **kw):
     return subprocess.run(command(program, *args), timeout=timeout, close_fds=True, **kw)
 
 
+def status_field(pid, name, tid=None):
+    """A field of /proc/PID/status (of thread TID when given), or None."""
+    path = f"/proc/{pid}/task/{tid}/status" if tid else f"/proc/{pid}/status"
+    try:
+        with open(path) as f:
+            for line in f:
+                if line.startswith(name + ":"):
+                    return line.split(":", 1)[1].strip()
+    except OSError:
+        return None
+    return None
+
+
 def children(pid):
     out = []
     try:

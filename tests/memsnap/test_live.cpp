@@ -4,6 +4,8 @@
 // tests that dump skip there and run on the emulated board.
 #include "memsnap.h"
 
+#include "report_reader.h"
+
 #include "testutil.h"
 
 #include <gtest/gtest.h>
@@ -131,6 +133,21 @@ struct Subject {
         ASSERT_EQ(sscanf(ready.c_str(), "ready %d %lx %lx", &p, &marker_addr, &text_addr), 3)
             << "subject said: " << ready;
         ASSERT_EQ(p, pid);
+        if (mode)
+            return;
+        // "ready" comes just before the main thread blocks: wait until every
+        // thread sleeps in its parking read.
+        double end = now() + 30;
+        for (;;) {
+            int sleeping = 0;
+            std::vector<int> ts = tasks(pid);
+            for (int t : ts)
+                sleeping += status_field(pid, t, "State")[0] == 'S';
+            if (sleeping == 3 && ts.size() == 3)
+                break;
+            ASSERT_LT(now(), end) << "the subject's threads do not all block";
+            usleep(1000);
+        }
     }
     // Releases the threads; the rest of the output and the exit status.
     std::string finish(int *status)
@@ -168,9 +185,16 @@ void expect_released(int pid, bool stopped_before = false)
             continue;
         EXPECT_EQ(tracer, "0") << "thread " << tid;
         ASSERT_FALSE(state.empty());
-        if (stopped_before)
+        if (stopped_before) {
+            // Let go, a thread of a stopped process runs for a moment and
+            // enters the group stop again.
+            double end = now() + 30;
+            while (state[0] != 'T' && now() < end) {
+                usleep(1000);
+                state = status_field(pid, tid, "State");
+            }
             EXPECT_EQ(state[0], 'T') << "thread " << tid << ": " << state;
-        else
+        } else
             EXPECT_TRUE(state[0] != 't' && state[0] != 'T') << "thread " << tid << ": " << state;
     }
 }
@@ -213,28 +237,12 @@ Dump run_dump(int pid, bool close_out = false, bool as_nobody = false)
     return d;
 }
 
-struct Report {
-    unsigned long long length = 0;
-    std::vector<int> ids;
-};
+typedef ReportLine Report;
 
+// The report line with its ids sorted.
 Report parse_report(const std::string &line)
 {
-    Report r;
-    if (line.size() < 8)
-        return r;
-    char *end;
-    r.length = strtoull(line.c_str() + 8, &end, 10);
-    const char *q = end + 21;
-    // As the toolbox's reader: skip what is not a digit, take a number.
-    while (*q && *q != '\n') {
-        if (*q < '0' || *q > '9') {
-            q++;
-            continue;
-        }
-        r.ids.push_back(static_cast<int>(strtol(q, &end, 10)));
-        q = end;
-    }
+    Report r = read_report(line);
     std::sort(r.ids.begin(), r.ids.end());
     return r;
 }
@@ -470,6 +478,69 @@ TEST(Live, ThreadsComingAndGoingDuringTheDump)
     EXPECT_EQ(bye.compare(0, 4, "bye "), 0) << bye;
     EXPECT_GT(atol(bye.c_str() + 4), 0);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+TEST(Live, AThreadIdDumpsItsWholeProcessWithThatThreadFirst)
+{
+    NEED_PTRACE();
+    Subject s;
+    ASSERT_NO_FATAL_FAILURE(s.start());
+    std::vector<int> all = tasks(s.pid);
+    ASSERT_EQ(all.size(), 3u);
+    int tid = all[0] == s.pid ? all[1] : all[0];
+    Dump d = run_dump(tid);
+    ASSERT_TRUE(WIFEXITED(d.status));
+    EXPECT_EQ(WEXITSTATUS(d.status), 0) << d.report << d.more;
+    Report r = parse_report(d.report);
+    EXPECT_EQ(r.length, d.core.size());
+    std::vector<int> others;
+    for (int t : all)
+        if (t != tid)
+            others.push_back(t);
+    EXPECT_EQ(r.ids, others) << "the leader and the third thread";
+    CoreView v;
+    ASSERT_NO_FATAL_FAILURE(view_core(d.core, &v));
+    ASSERT_EQ(v.threads.size(), 3u);
+    EXPECT_EQ(v.threads[0], tid);
+    expect_released(s.pid);
+    int status;
+    EXPECT_EQ(s.finish(&status), "bye\n");
+}
+
+// A kernel thread: no user memory, and ptrace refuses it.
+int kernel_thread()
+{
+    DIR *d = opendir("/proc");
+    if (!d)
+        return -1;
+    int found = -1;
+    while (dirent *e = readdir(d)) {
+        int pid = atoi(e->d_name);
+        if (pid <= 1)
+            continue;
+        if (status_field(pid, pid, "Kthread") == "1" ||
+            (status_field(pid, pid, "PPid") == "2" && status_field(pid, pid, "VmSize").empty())) {
+            found = pid;
+            break;
+        }
+    }
+    closedir(d);
+    return found;
+}
+
+TEST(Live, AKernelThreadGivesOneLine)
+{
+    NEED_PTRACE();
+    int pid = kernel_thread();
+    if (pid < 0)
+        GTEST_SKIP() << "no kernel thread visible in this pid namespace";
+    Dump d = run_dump(pid);
+    ASSERT_TRUE(WIFEXITED(d.status));
+    EXPECT_EQ(WEXITSTATUS(d.status), 1);
+    EXPECT_EQ(d.report, "memsnap: cannot attach to process " + std::to_string(pid) +
+                            ": Operation not permitted\n");
+    EXPECT_EQ(d.more, "");
+    EXPECT_EQ(d.core, "");
 }
 
 // snap_main in a child process with stdout and stderr on pipes: runs under

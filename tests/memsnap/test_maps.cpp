@@ -16,6 +16,13 @@
 
 namespace {
 
+// qemu-user shows the emulated program's own map under /proc/self/maps but
+// its own (the host's) under smaps and mem.
+bool emulated()
+{
+    return getenv("TOOLNEST_TEST_EMULATED") != nullptr;
+}
+
 const char sample[] =
     "55d0a0000000-55d0a0001000 r--p 00000000 fe:01 1234                       /usr/bin/prog\n"
     "Size:                  4 kB\n"
@@ -76,24 +83,52 @@ TEST(Smaps, ParsesAddressesPermissionsPathsAndFlags)
     EXPECT_EQ(maps.v[6].vmflags, static_cast<unsigned>(SNAP_VM_HUGETLB));
 }
 
-TEST(Smaps, OwnMapHasEveryMappingOfTheMapsFile)
+TEST(Smaps, OwnMapShowsAFileMappingAndTouchedMemory)
 {
-    int fd = open("/proc/self/smaps", O_RDONLY);
+    if (emulated())
+        GTEST_SKIP() << "qemu-user's smaps is the emulator's; the emulated board runs this";
+    size_t ps = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    char path[] = "/tmp/tn memsnap map XXXXXX";
+    int fd = mkstemp(path);
     ASSERT_GE(fd, 0);
-    snap_maps maps;
-    ASSERT_EQ(snap_parse_smaps(&maps, fd), 0);
+    ASSERT_EQ(ftruncate(fd, static_cast<off_t>(2 * ps)), 0);
+    void *file = mmap(nullptr, 2 * ps, PROT_READ, MAP_PRIVATE, fd, 0);
+    ASSERT_NE(file, MAP_FAILED);
     close(fd);
-    FILE *f = fopen("/proc/self/maps", "r");
+    unlink(path);
+    unsigned char *anon = static_cast<unsigned char *>(
+        mmap(nullptr, 3 * ps, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(anon, MAP_FAILED);
+    anon[ps] = 1;
+
+    int smaps = open("/proc/self/smaps", O_RDONLY);
+    ASSERT_GE(smaps, 0);
+    snap_maps maps;
+    ASSERT_EQ(snap_parse_smaps(&maps, smaps), 0);
+    close(smaps);
+    munmap(file, 2 * ps);
+    munmap(anon, 3 * ps);
+
+    const snap_vma *f = nullptr, *a = nullptr;
+    uint64_t fa = reinterpret_cast<uintptr_t>(file), aa = reinterpret_cast<uintptr_t>(anon);
+    for (int i = 0; i < maps.v.n; i++) {
+        if (i) {
+            EXPECT_LE(maps.v[i - 1].end, maps.v[i].start);
+        }
+        if (maps.v[i].start == fa)
+            f = &maps.v[i];
+        if (maps.v[i].start <= aa && maps.v[i].end >= aa + 3 * ps)
+            a = &maps.v[i];
+    }
     ASSERT_NE(f, nullptr);
-    int lines = 0;
-    char line[4096];
-    while (fgets(line, sizeof line, f))
-        lines++;
-    fclose(f);
-    // The test's own allocations may add a mapping between the two reads.
-    EXPECT_NEAR(maps.v.n, lines, 2);
-    for (int i = 1; i < maps.v.n; i++)
-        EXPECT_LE(maps.v[i - 1].end, maps.v[i].start);
+    EXPECT_EQ(f->end, fa + 2 * ps);
+    EXPECT_EQ(f->prot, static_cast<unsigned>(PF_R));
+    EXPECT_FALSE(f->shared);
+    EXPECT_EQ(maps.name(*f), std::string(path) + " (deleted)");
+    ASSERT_NE(a, nullptr);
+    EXPECT_EQ(a->prot, static_cast<unsigned>(PF_R | PF_W));
+    EXPECT_STREQ(maps.name(*a), "");
+    EXPECT_GE(a->anon_kb, ps / 1024);
 }
 
 snap_vma vma(unsigned prot, bool shared, uint64_t anon_kb, uint64_t rss_kb = 0, unsigned flags = 0,
@@ -198,12 +233,6 @@ TEST(DumpKind, AFilterOfZeroKeepsOnlyTheVdso)
     EXPECT_EQ(snap_vma_dump_kind(vma(RW, true, 0, 8), "/dev/zero (deleted)", 0), SNAP_DUMP_NONE);
 }
 
-// qemu-user does not show the emulated program's memory under /proc/self/mem.
-bool emulated()
-{
-    return getenv("TOOLNEST_TEST_EMULATED") != nullptr;
-}
-
 TEST(ReadMem, PagesThatCannotBeReadComeOutAsZeros)
 {
     if (emulated())
@@ -211,30 +240,34 @@ TEST(ReadMem, PagesThatCannotBeReadComeOutAsZeros)
     long page = sysconf(_SC_PAGESIZE);
     size_t ps = static_cast<size_t>(page);
     unsigned char *area = static_cast<unsigned char *>(
-        mmap(nullptr, 3 * ps, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        mmap(nullptr, 4 * ps, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     ASSERT_NE(area, MAP_FAILED);
     memset(area, 0xa5, 3 * ps);
-    // The middle page: a mapping of an empty file, beyond its end.
+    memset(area + 3 * ps, 0x5a, ps);
+    // The second page: a mapping of an empty file, beyond its end; nothing
+    // reads it.  The last: written, then closed to the process itself.
     int fd = testutil::temp_file();
     ASSERT_NE(mmap(area + ps, ps, PROT_READ, MAP_SHARED | MAP_FIXED, fd, 0), MAP_FAILED);
     close(fd);
+    ASSERT_EQ(mprotect(area + 3 * ps, ps, PROT_NONE), 0);
 
     int mem = open("/proc/self/mem", O_RDONLY);
     ASSERT_GE(mem, 0);
-    std::string buf(3 * ps, 'x');
+    std::string buf(4 * ps, 'x');
     unsigned char *b = reinterpret_cast<unsigned char *>(buf.data());
-    // Start and end inside pages, to cross both borders of the hole.
+    // Start and end inside pages, to cross every border.
     uint64_t addr = reinterpret_cast<uintptr_t>(area) + 100;
-    size_t len = 3 * ps - 200;
-    uint64_t zeroed = snap_read_mem(mem, addr, b, len, static_cast<unsigned>(page));
+    size_t len = 4 * ps - 200;
+    uint64_t zeroed = snap_read_mem(getpid(), mem, addr, b, len, static_cast<unsigned>(page));
     close(mem);
     EXPECT_EQ(zeroed, ps);
+    uint64_t base = reinterpret_cast<uintptr_t>(area);
     for (size_t i = 0; i < len; i++) {
         uint64_t at = addr + i;
-        bool hole = at >= reinterpret_cast<uintptr_t>(area) + ps && at < reinterpret_cast<uintptr_t>(area) + 2 * ps;
-        ASSERT_EQ(b[i], hole ? 0 : 0xa5) << "at offset " << i;
+        unsigned char want = at < base + ps ? 0xa5 : at < base + 2 * ps ? 0 : at < base + 3 * ps ? 0xa5 : 0x5a;
+        ASSERT_EQ(b[i], want) << "at offset " << i;
     }
-    munmap(area, 3 * ps);
+    munmap(area, 4 * ps);
 }
 
 } // namespace

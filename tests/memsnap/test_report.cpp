@@ -3,6 +3,8 @@
 // the end of the number, each separated by single spaces.
 #include "memsnap.h"
 
+#include "report_reader.h"
+
 #include <gtest/gtest.h>
 
 #include <stdint.h>
@@ -13,26 +15,9 @@
 
 namespace {
 
-struct Parsed {
-    unsigned long long length = 0;
-    std::vector<int> ids;
-};
-
-Parsed parse(const char *line)
+ReportLine parse(const char *line)
 {
-    Parsed p;
-    char *end;
-    p.length = strtoull(line + 8, &end, 10);
-    const char *q = end + 21;
-    while (*q && *q != '\n') {
-        if (*q < '0' || *q > '9') {
-            q++;
-            continue;
-        }
-        p.ids.push_back(static_cast<int>(strtol(q, &end, 10)));
-        q = end;
-    }
-    return p;
+    return read_report(line);
 }
 
 TEST(ReportLine, LengthAtOffsetEightThenIdsAfterTwentyOneCharacters)
@@ -41,7 +26,7 @@ TEST(ReportLine, LengthAtOffsetEightThenIdsAfterTwentyOneCharacters)
     int tids[] = {12, 13};
     int n = snap_report_line(buf, 954368, tids, 2);
     EXPECT_EQ(std::string(buf, static_cast<size_t>(n)), "length: 954368 bytes, other tasks: 12 13\n");
-    Parsed p = parse(buf);
+    ReportLine p = parse(buf);
     EXPECT_EQ(p.length, 954368u);
     EXPECT_EQ(p.ids, (std::vector<int>{12, 13}));
 }
@@ -51,7 +36,7 @@ TEST(ReportLine, ASingleThreadedProcessListsNoIds)
     char buf[SNAP_REPORT_MAX];
     int n = snap_report_line(buf, 4096, nullptr, 0);
     EXPECT_EQ(std::string(buf, static_cast<size_t>(n)), "length: 4096 bytes, other tasks: \n");
-    Parsed p = parse(buf);
+    ReportLine p = parse(buf);
     EXPECT_EQ(p.length, 4096u);
     EXPECT_TRUE(p.ids.empty());
 }
@@ -67,7 +52,7 @@ TEST(ReportLine, TooManyThreadsAreCutToFitBelow256Bytes)
     EXPECT_EQ(buf[n - 1], '\n');
     EXPECT_EQ(buf[n], 0);
     EXPECT_EQ(static_cast<int>(strlen(buf)), n);
-    Parsed p = parse(buf);
+    ReportLine p = parse(buf);
     EXPECT_EQ(p.length, UINT64_MAX);
     // A prefix of the list, as long as fits: one id more would not.
     ASSERT_FALSE(p.ids.empty());
@@ -87,7 +72,7 @@ TEST(ReportLine, EveryLengthOfListKeepsTheLayout)
         ASSERT_EQ(buf[n - 1], '\n');
         ASSERT_EQ(std::string(buf, 8), "length: ");
         ASSERT_EQ(std::string(buf + 17, 21), " bytes, other tasks: ");
-        Parsed p = parse(buf);
+        ReportLine p = parse(buf);
         ASSERT_EQ(p.length, 123456789u);
         ASSERT_LE(p.ids.size(), tids.size());
         for (size_t i = 0; i < p.ids.size(); i++)

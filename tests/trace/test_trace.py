@@ -32,15 +32,7 @@ def live(test):
     return run
 
 
-def status_field(pid, name):
-    try:
-        with open(f"/proc/{pid}/status") as f:
-            for line in f:
-                if line.startswith(name + ":"):
-                    return line.split(":", 1)[1].strip()
-    except OSError:
-        return None
-    return None
+status_field = bb.status_field
 
 
 def wait_for(cond, timeout=10):

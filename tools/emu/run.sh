@@ -45,9 +45,16 @@ append="console=ttyS0 rdinit=/init panic=-1 quiet tn.mode=$mode"
 # Each unit-test executable gets at most this long on the board.
 append="$append tn.limit=$((limit * 2 / 3))"
 
+# The export disk: what the target checks leave for the host (cores that
+# the host's debugger opens), unpacked into BUILD/emu/export after the run.
+img="$out/export.img"
+rm -f "$img"
+truncate -s 64M "$img"
+
 # 256 MB is all the low memory the board has; no network device: the guest's
 # only network is its own veth pair.
 set -- qemu-system-mipsel -M malta -m 256 -no-reboot -nic none -vga none \
+    -drive "file=$img,format=raw,if=ide,index=0,media=disk" \
     -kernel "$cache/kernel/vmlinuz" -initrd "$out/initramfs.cpio.gz" -append "$append"
 
 if [ $mode = shell ]; then
@@ -88,6 +95,40 @@ for f in "$out"/artifacts/*.b64; do
 done
 done_line=$(tr -d '\r' < "$log" | grep '^TN-DONE' | tail -n 1 || true)
 begin_line=$(tr -d '\r' < "$log" | grep '^TN-BEGIN' | tail -n 1 || true)
+
+# The export disk into BUILD/emu/export, then the host-side checks of what
+# the board left there (tests/target/host/*: each prints TN-RESULT lines).
+export_dir="$out/export"
+rm -rf "$export_dir"
+mkdir -p "$export_dir"
+blk=0
+while :; do
+    head=$(dd if="$img" bs=512 skip=$blk count=1 2>/dev/null | tr -d '\000' | head -n 1)
+    case $head in
+    "TN-FILE "*) ;;
+    *) break ;;
+    esac
+    rest=${head#TN-FILE }
+    size=${rest%% *}
+    path=${rest#* }
+    case $path in
+    /* | *..*) echo "emu: bad export entry: $head" >&2; break ;;
+    esac
+    mkdir -p "$export_dir/$(dirname "$path")"
+    dd if="$img" of="$export_dir/$path" bs=65536 iflag=skip_bytes,count_bytes \
+        skip=$(((blk + 1) * 512)) count="$size" 2>/dev/null
+    blk=$((blk + 1 + (size + 511) / 512))
+done
+hostlog="$out/host.log"
+: > "$hostlog"
+if [ -n "$done_line" ]; then
+    for h in "$src"/tests/target/host/*; do
+        [ -x "$h" ] || continue
+        "$h" "$export_dir" "$build" "$sysroot" >> "$hostlog" 2>&1 ||
+            echo "TN-RESULT FAIL host:$(basename "$h") (exit status $?)" >> "$hostlog"
+    done
+    sed -n 's/^TN-RESULT //p' "$hostlog" >> "$results"
+fi
 pass=$(grep -c '^PASS' "$results" || true)
 fail=$(grep -c '^FAIL' "$results" || true)
 skip=$(grep -c '^SKIP' "$results" || true)
@@ -114,6 +155,10 @@ if [ "$fail" -gt 0 ]; then
         { buf = buf $0 "\n" }
         inunit && /^\[  FAILED  \].*\([0-9]+ ms\)$/ { printf "%s", buf; buf = ""; inunit = 0 }
     ' | sed 's/^/  | /' | tail -n 200
+    if grep -q '^FAIL host:' "$results"; then
+        echo "emu: the host-side checks said:"
+        sed 's/^/  | /' "$hostlog" | tail -n 200
+    fi
     echo "emu: details in $log"
     exit 1
 fi
