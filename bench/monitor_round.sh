@@ -39,6 +39,13 @@ run_ns() {
             echo "$start $end $rounds" | awk "{printf \"%.3f\", (\$2 - \$1) / 1000 / \$3}"
         }
         ratio() { echo "$1 $2" | awk "{printf \"%.3f\", \$1 / \$2}"; }
+        # peer LABEL CMD DIVISOR OURS: the time of CMD divided by DIVISOR,
+        # and OURS as a ratio of it.
+        peer() {
+            t=$(ratio "$(timed "$2")" "$3")
+            echo "$1 $t"
+            echo "ratio against it: $(ratio "$4" "$t")"
+        }
         eval "$4"
         kill $(jobs -p) 2>/dev/null || true
     ' sh "$bin" "$1" "$2" "$3"
@@ -49,21 +56,15 @@ run_ns "${2:-1000}" "${4:-10}" '
     out=$("$bin" monitor "$rounds")
     echo "$out"
     ours=$(echo "$out" | sed -n "s/^us_per_process //p")
-    ls=$(timed "ls /proc/[0-9]*/fd 2>/dev/null | wc -l > /dev/null")
-    ls=$(ratio "$ls" "$count")
-    echo "ls /proc/[0-9]*/fd | wc -l: us_per_process $ls"
-    echo "ratio monitor/ls: $(ratio "$ours" "$ls")"
-    lsl=$(timed "ls -l /proc/[0-9]*/fd 2>/dev/null | wc -l > /dev/null")
-    lsl=$(ratio "$lsl" "$count")
-    echo "ls -l /proc/[0-9]*/fd | wc -l: us_per_process $lsl"
-    echo "ratio monitor/ls -l: $(ratio "$ours" "$lsl")"'
+    peer "ls /proc/[0-9]*/fd | wc -l: us_per_process" \
+        "ls /proc/[0-9]*/fd 2>/dev/null | wc -l > /dev/null" "$count" "$ours"
+    peer "ls -l /proc/[0-9]*/fd | wc -l: us_per_process" \
+        "ls -l /proc/[0-9]*/fd 2>/dev/null | wc -l > /dev/null" "$count" "$ours"'
 
 echo "== runtime trace"
 run_ns "${3:-200}" "${4:-20}" '
     out=$("$bin" rtrace "$rounds")
     echo "$out"
     ours=$(echo "$out" | sed -n "s/.*ms_per_round //p")
-    cat=$(timed "cat /proc/[0-9]*/smaps /proc/[0-9]*/status > /dev/null 2>&1 || true")
-    cat=$(ratio "$cat" 1000)
-    echo "cat /proc/[0-9]*/smaps /proc/[0-9]*/status: ms_per_round $cat"
-    echo "ratio rtrace/cat: $(ratio "$ours" "$cat")"'
+    peer "cat /proc/[0-9]*/smaps /proc/[0-9]*/status: ms_per_round" \
+        "cat /proc/[0-9]*/smaps /proc/[0-9]*/status > /dev/null 2>&1 || true" 1000 "$ours"'

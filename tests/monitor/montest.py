@@ -84,6 +84,7 @@ class Holder:
     """A holder process started under argv[0] "/holders/NAME"."""
 
     def __init__(self, name):
+        self.name = name
         self.p = subprocess.Popen(["/holders/" + name, os.path.join(HERE, "holder.py")], executable=sys.executable,
                                   stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
         self.pid = self.p.pid

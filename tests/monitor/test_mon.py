@@ -143,25 +143,33 @@ class MonTest(unittest.TestCase):
         rc, _, err = mon.stop()
         self.assertEqual(err, line + "\nCleanup and exit.\n")
 
-    def test_sixteen_children(self):
-        h = self.holder("kids").do("children 15")
-        mon = self.start(50_000)
+    def assert_no_fork_alert(self, mon):
+        """A few whole rounds without a line or a forkstats entry."""
         mon.round_done(3)
         mon.more_rounds(1)
         self.assertEqual(mon.stderr(), "")
         self.assertNotIn("forkstats", mon.report())
-        h.do("children 16")
-        line = f"pid {h.pid} name kids fork_score 16 [+1]\n"
-        wait_for(lambda: line in mon.stderr(), "the fork_score line")
-        wait_for(lambda: f"forkstats for pid={h.pid}: score=16 nr_childs=16\n" in (mon.report() or ""),
-                 "the forkstats line")
+
+    def fork_alert(self, mon, h, children, diff):
+        """The holder gets that many children: its fork_score line (returned)
+        and its forkstats entry follow."""
+        h.do(f"children {children}")
+        line = f"pid {h.pid} name {h.name} fork_score {children} [+{diff}]\n"
+        wait_for(lambda: line in mon.stderr(), f"the fork_score line at {children}")
+        entry = f"forkstats for pid={h.pid}: score={children} nr_childs={children}\n"
+        wait_for(lambda: entry in (mon.report() or ""), "the forkstats line")
+        return line
+
+    def test_sixteen_children(self):
+        h = self.holder("kids").do("children 15")
+        mon = self.start(50_000)
+        self.assert_no_fork_alert(mon)
+        line = self.fork_alert(mon, h, 16, 1)
         # The peak is now 16: 31 children say nothing, 32 do.
         h.do("children 31")
         wait_for(lambda: "score=31 nr_childs=31\n" in (mon.report() or ""), "31 children")
         self.assertEqual(mon.stderr(), line)
-        h.do("children 32")
-        line2 = f"pid {h.pid} name kids fork_score 32 [+1]\n"
-        wait_for(lambda: line2 in mon.stderr(), "the second fork_score line")
+        line2 = self.fork_alert(mon, h, 32, 1)
         rc, _, err = mon.stop()
         self.assertEqual(err, line + line2 + "\nCleanup and exit.\n")
 
@@ -171,15 +179,8 @@ class MonTest(unittest.TestCase):
         h = self.holder("kthr").do("comm kthr", "leader-exit", "children 16")
         wait_for(lambda: not os.path.exists(f"/proc/{h.pid}/exe"), "the main thread's end")
         mon = self.start(50_000)
-        mon.round_done(3)
-        mon.more_rounds(1)
-        self.assertEqual(mon.stderr(), "")
-        self.assertNotIn("forkstats", mon.report())
-        h.do("children 32")
-        line = f"pid {h.pid} name kthr fork_score 32 [+16]\n"
-        wait_for(lambda: line in mon.stderr(), "the fork_score line at 32")
-        wait_for(lambda: f"forkstats for pid={h.pid}: score=32 nr_childs=32\n" in (mon.report() or ""),
-                 "the forkstats line")
+        self.assert_no_fork_alert(mon)
+        line = self.fork_alert(mon, h, 32, 16)
         rc, _, err = mon.stop()
         self.assertEqual(err, line + "\nCleanup and exit.\n")
 
