@@ -233,6 +233,7 @@ class DebugService:
         if self.frontend:
             simdev.Device.kill(self.frontend)
             self.frontend.wait()
+            self.frontend.stdout.close()
             self.frontend = None
         self.syslog.close()
         self.dev.stop()

@@ -131,8 +131,10 @@ class StartUp(Service):
         self.assertEqual(policies.count(5), 1, policies)
         self.assertEqual(set(policies), {0, 5})
         report = self.svc.path("/var/run/dbg-cgi/dbg-monitor.txt")
-        wait_for(lambda: open(report, "rb").read().startswith(b"Debug monitor status round=1\n\n"),
-                 "the monitor's first report")
+        def report_written():
+            with open(report, "rb") as f:
+                return f.read().startswith(b"Debug monitor status round=1\n\n")
+        wait_for(report_written, "the monitor's first report")
 
     def test_stale_socket_files_are_replaced(self):
         for p in (dbgdev.CGI_SOCKET, dbgdev.SEGF_SOCKET):
@@ -155,8 +157,32 @@ class StartUp(Service):
         self.svc.handoff(b"/x\0cmd=nope\0", [b.fileno()], path="/tmp/cgi.sock")
         b.close()
         self.assertEqual(dbgdev.read_all(a), BAD_REQUEST)
+        a.close()
         c = self.svc.crash_connect("/tmp/segf.sock")
         c.close()
+
+    def test_ignored_pid_and_dump_directory_from_options(self):
+        storaged = self.svc.pids_by_argv0("storaged")[0]
+        os.makedirs(self.svc.path("/tmp/mydumps"), exist_ok=True)
+        with open(self.svc.path("/tmp/mydumps/core.a.1"), "wb") as f:
+            f.write(b"stored elsewhere")
+        self.start("-i", hex(self.svc.device_pid(storaged)), "-k", "/tmp/mydumps")
+        # -i: a trace of every process leaves that one out.
+        s = self.svc.open_request("/x?cmd=strace")
+        hearth = self.svc.pids_by_argv0("hearth")[0]
+
+        def tracer(p):
+            return int(dbgdev.proc_status(p)["TracerPid"])
+        wait_for(lambda: tracer(hearth), "hearth traced")
+        self.assertEqual(tracer(storaged), 0)
+        s.close()
+        wait_for(lambda: not self.svc.stopped_or_traced(), "everything detached")
+        # -k: the stored dump is taken from there.
+        p, out, hdr = self.listen_curl("listen", "k.out", wait=False)
+        p.wait(timeout=60)
+        with open(out, "rb") as f:
+            self.assertEqual(f.read(), b"stored elsewhere")
+        self.assertFalse(os.path.exists(self.svc.path("/tmp/mydumps/core.a.1")))
 
     def test_cgi_socket_that_cannot_be_made(self):
         r = self.svc.dev.run(["debugar.cgi", "-n", "-c", "/nonexistent/cgi"], timeout=30)
@@ -216,6 +242,7 @@ class ControlDatagrams(Service):
 
     def assert_closed_silently(self, a):
         self.assertEqual(dbgdev.read_all(a), b"")
+        a.close()
 
     def test_datagram_without_descriptor_is_ignored(self):
         self.svc.handoff(b"/x\0cmd=ps\0")
@@ -247,6 +274,7 @@ class ControlDatagrams(Service):
         self.svc.handoff(msg, [b.fileno()])
         b.close()
         head, body = dbgdev.split_response(dbgdev.read_all(a))
+        a.close()
         self.assertEqual(head, dbgdev.header("text/plain", "psdump.txt"))
         self.assertIn(b"PID", body)
 
@@ -264,18 +292,21 @@ class ControlDatagrams(Service):
             self.svc.handoff(msg, [b.fileno()])
             b.close()
             self.assertEqual(dbgdev.read_all(a), INTERNAL_ERROR, msg)
+            a.close()
 
     def test_path_without_slash_gets_500(self):
         a, b = self.pair()
         self.svc.handoff(b"debug.tgz\0\0", [b.fileno()])
         b.close()
         self.assertEqual(dbgdev.read_all(a), INTERNAL_ERROR)
+        a.close()
 
     def test_query_without_terminator(self):
         a, b = self.pair()
         self.svc.handoff(b"/x\0cmd=nope", [b.fileno()])
         b.close()
         self.assertEqual(dbgdev.read_all(a), BAD_REQUEST)
+        a.close()
 
     def test_no_descriptor_left_behind(self):
         self.svc.sync()
@@ -343,7 +374,8 @@ class Push(Service):
                                       f"http://{self.svc.dev.ip4}:{dbgdev.PORT}/cgi/x?listenXYZ"])
         p1.wait(timeout=30)
         self.assertEqual(p1.returncode, 52)
-        self.assertEqual(open(hdr1, "rb").read(), b"")
+        with open(hdr1, "rb") as f:
+            self.assertEqual(f.read(), b"")
         data = os.urandom(5000)
         self.push_crash(data)
         rc, h, body = self.finish(p2, out2, hdr2)

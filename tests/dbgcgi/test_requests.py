@@ -280,6 +280,7 @@ class SystemCallTrace(unittest.TestCase):
         self.assertIn("exit_group(3", text)
         self.assertIn("open fds:", text)
         self.assertEqual(p.wait(timeout=30), 3)
+        p.stdout.close()
         quiet_daemon()
 
     def test_unknown_targets_get_400(self):
