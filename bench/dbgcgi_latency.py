@@ -96,8 +96,10 @@ def main():
     with dbgdev.DebugService(a.prefix, a.frontend) as svc:
         # Idle: started, its monitor thread's first round done.
         report = svc.path("/var/run/dbg-cgi/dbg-monitor.txt")
-        dbgdev.wait_for(lambda: open(report, "rb").read().startswith(b"Debug monitor status"),
-                        "the monitor's first round")
+        def report_written():
+            with open(report, "rb") as f:
+                return f.read().startswith(b"Debug monitor status")
+        dbgdev.wait_for(report_written, "the monitor's first round")
         time.sleep(1)
         idle = svc.stats()
 

@@ -260,7 +260,7 @@ def main():
         # Warm-up with the same mix: thread stacks, allocator arenas and the
         # log connection come into being; the baseline is taken after it.
         soak.run(a.warmup, a.clients)
-        base = settle(svc, start["threads"])
+        base = settle(svc, svc.base_threads)
         soak.counts.clear()
         soak.outcomes.clear()
         elapsed = 0
@@ -268,7 +268,7 @@ def main():
         for i in range(a.phases):
             n = a.requests // a.phases + (1 if i < a.requests % a.phases else 0)
             elapsed += soak.run(n, a.clients)
-            after = settle(svc, start["threads"])
+            after = settle(svc, svc.base_threads)
             series.append(after["rss_kib"])
         if a.smaps:
             with open(f"/proc/{svc.pid}/smaps") as f:
@@ -280,6 +280,7 @@ def main():
         stuck = svc.stopped_or_traced()
         logged = svc.syslog.texts()
 
+    reports = svc.final_reports
     total = sum(soak.counts.values())
     print(f"== debug service soak {a.label}".rstrip())
     print(f"requests {total} from {a.clients} clients in {elapsed:.1f} s "
@@ -303,7 +304,10 @@ def main():
     print(f"daemon alive {alive}, answers ps {answers}, zombies {len(zombies)}, "
           f"stopped or traced {len(stuck)} {stuck if stuck else ''}".rstrip())
     print(f"syslog lines {len(logged)}")
-    ok = (not soak.errors and alive and answers and not zombies and not stuck
+    if reports:
+        print("sanitizer reports of the daemon:")
+        print(reports[:4000])
+    ok = (not soak.errors and not reports and alive and answers and not zombies and not stuck
           and abs(dfd) <= 2 and dth == 0 and after["children"] == 0
           and (a.rss_slack == 0 or abs(drss) <= a.rss_slack))
     print("verdict:", "PASS" if ok else "FAIL",

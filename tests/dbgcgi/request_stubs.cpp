@@ -14,7 +14,7 @@
 #include "monitor.h"
 #include "trace.h"
 
-stub_trace_mode stub_trace = STUB_TRACE_RETURN;
+std::atomic<stub_trace_mode> stub_trace{STUB_TRACE_RETURN};
 
 namespace {
 std::mutex mu;

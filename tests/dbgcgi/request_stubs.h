@@ -6,6 +6,7 @@
 
 #include <stdint.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -20,7 +21,7 @@ struct stub_call {
 // wait like the real one (waitpid(-1) on a child of its own, asking its
 // output callback after every wake-up) until the callback says stop.
 enum stub_trace_mode { STUB_TRACE_RETURN, STUB_TRACE_WAIT };
-extern stub_trace_mode stub_trace;
+extern std::atomic<stub_trace_mode> stub_trace;
 
 void stub_reset();
 std::vector<stub_call> stub_calls();

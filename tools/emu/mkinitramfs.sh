@@ -44,7 +44,7 @@ usr/bin/expr usr/bin/find usr/bin/xargs usr/bin/sort usr/bin/uniq usr/bin/cut
 usr/bin/basename usr/bin/dirname usr/bin/realpath usr/bin/truncate
 usr/bin/tee usr/bin/mkfifo usr/bin/du usr/bin/diff sbin/losetup bin/ip
 usr/bin/base64 bin/gzip usr/bin/iostat usr/bin/pidstat usr/sbin/vsftpd
-usr/sbin/mini_httpd bin/ps"
+usr/sbin/mini_httpd bin/tar bin/ps"
 for p in $programs; do
     found=""
     for base in "$sysroot" "$extra"; do
@@ -89,6 +89,10 @@ for exe in "$build"/tests/target/board_*; do
     [ -f ".$exe" ] || continue
     ln -s "$exe" "opt/toolnest/bin/$(basename "$exe")"
 done
+# The test front end of the debug service (check:dbgcgi).
+if [ -f "$build/tools/frontend/handoff-front" ]; then
+    $strip --strip-debug -o opt/toolnest/bin/handoff-front "$build/tools/frontend/handoff-front"
+fi
 [ -e opt/toolnest/bin/board_modprobe ] ||
     { echo "mkinitramfs: $build/tests/target/board_modprobe missing (build the tree first)" >&2; exit 1; }
 ln -s ../opt/toolnest/bin/board_modprobe sbin/modprobe
