@@ -1,8 +1,8 @@
 """coredump-handler as the kernel runs it, on the simulated device: the core
 on standard input, the configuration in /etc/conf.d/debugar.cgi, syslog read
 from the device's /dev/log (a socket this test binds), uploads to a real FTP
-server (vsftpd) on the device's 127.0.0.1 and hand-overs to a stand-in for the
-debug service at the crash socket."""
+server (pyftpdlib) on the device's 127.0.0.1 and hand-overs to a stand-in for
+the debug service at the crash socket."""
 import hashlib
 import os
 import subprocess
@@ -346,7 +346,7 @@ class HandOver(HandlerTest):
 
 
 class Ftp(HandlerTest):
-    """Uploads to vsftpd in the device."""
+    """Uploads to the FTP server in the device."""
 
     ARGS = ["prog.1234.core", "4294967295", "!usr!bin!prog", "prog"]
 
@@ -390,7 +390,7 @@ class Ftp(HandlerTest):
 
     def test_rename_refused_by_the_server_fails_the_upload(self):
         # The core arrives; the server refuses the rename, and that decides.
-        server = self.ftp_server(other_write=False)
+        server = self.ftp_server(rename=False)
         self.ftp_config(server)
         res = self.handler(*self.ARGS, core=core_bytes(4000))
         self.assertEqual((res.rc, res.logs), (1, []), res)
@@ -477,6 +477,20 @@ class Ftp(HandlerTest):
         res = self.handler(*self.ARGS, core=core_bytes(600))
         self.assertEqual((res.rc, res.out, res.err, res.logs), (1, b"", b"", []), res)
         self.assertEqual(server.files(), {})
+
+    def test_credentials_in_the_url(self):
+        server = self.ftp_server()
+        host = server.url[len("ftp://"):]
+        self.set_config(f"CoreHandler = FTP\n[CoreHandlerFtp]\nTargetURL = ftp://core:secret@{host}\n"
+                        "TargetPath = /upload\n")
+        res = self.handler(*self.ARGS, core=core_bytes(900))
+        self.assertEqual(res.rc, 0, res)
+        self.assertEqual(server.files(), {"prog.1234.core": core_bytes(900)})
+        self.set_config(f"CoreHandler = FTP\n[CoreHandlerFtp]\nTargetURL = ftp://core:wrong@{host}\n"
+                        "TargetPath = /upload\n")
+        res = self.handler("refused.core", "4294967295", "!usr!bin!prog", "prog", core=core_bytes(900))
+        self.assertEqual((res.rc, res.logs), (1, []), res)
+        self.assertNotIn("refused.core", server.files())
 
     def test_nobody_at_the_address(self):
         self.set_config("CoreHandler = FTP\n[CoreHandlerFtp]\nTargetURL = ftp://127.0.0.1:1\n"

@@ -2,7 +2,6 @@
 syslog, its listening sockets, a real FTP server inside it and a stand-in
 for the receiver of the crash socket."""
 import os
-import pwd
 import re
 import select
 import shutil
@@ -69,57 +68,51 @@ def listening(dev, port):
 
 
 class FtpServer:
-    """vsftpd inside the device on 127.0.0.1:port, anonymous login, uploads
-    into /upload.  other_write: renames allowed for anonymous users (RNFR
-    answered 350); max_rate: bytes per second, 0 for no limit; upload: uploads
-    allowed at all."""
+    """A real FTP server (tests/support/ftpserver.py, pyftpdlib) inside the
+    device on 127.0.0.1:port: anonymous logins and the user "core" (password
+    "secret") see its root, uploads land in /upload.  rename: RNFR allowed
+    (answered 350 for an existing file); max_rate: bytes per second, 0 for
+    no limit; upload: STOR allowed at all."""
 
+    SCRIPT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "ftpserver.py")
     _next_port = 2121
 
-    def __init__(self, dev, other_write=True, max_rate=0, upload=True):
+    def __init__(self, dev, rename=True, max_rate=0, upload=True):
         self.dev = dev
         FtpServer._next_port += 1
         self.port = FtpServer._next_port
         self.base = f"/tmp/ftp-{self.port}"
         host_base = dev.host_path(self.base)
         shutil.rmtree(host_base, ignore_errors=True)
-        ftp = pwd.getpwnam("ftp")
         os.makedirs(host_base + "/root/upload")
-        os.makedirs(host_base + "/empty")
-        os.chmod(host_base + "/root", 0o755)
-        os.chown(host_base + "/root/upload", ftp.pw_uid, ftp.pw_gid)
         self.upload_dir = host_base + "/root/upload"
-        conf = f"""listen=YES
-listen_address=127.0.0.1
-listen_port={self.port}
-background=NO
-anonymous_enable=YES
-local_enable=NO
-write_enable=YES
-anon_upload_enable={'YES' if upload else 'NO'}
-anon_other_write_enable={'YES' if other_write else 'NO'}
-anon_max_rate={max_rate}
-anon_root={self.base}/root
-ftp_username=ftp
-no_anon_password=YES
-secure_chroot_dir={self.base}/empty
-seccomp_sandbox=NO
-anon_umask=022
-syslog_enable=NO
-xferlog_enable=NO
-"""
-        with open(host_base + "/vsftpd.conf", "w") as f:
-            f.write(conf)
-        self.proc = dev.popen(["/usr/sbin/vsftpd", self.base + "/vsftpd.conf"],
-                              stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+        args = ["python3", self.SCRIPT, "--address", "127.0.0.1", "--port", str(self.port),
+                "--root", self.base + "/root", "--user", "core:secret",
+                "--log", self.base + "/log"]
+        if not rename:
+            args.append("--no-rename")
+        if not upload:
+            args.append("--no-upload")
+        if max_rate:
+            args += ["--max-rate", str(max_rate)]
+        self.log_path = host_base + "/log"
+        self.proc = dev.popen(args, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                              stderr=subprocess.DEVNULL)
         try:
             deadline_wait(lambda: listening(dev, self.port) or self.proc.poll() is not None,
-                          "vsftpd to listen")
+                          "the FTP server to listen")
         except AssertionError:
             self.stop()
             raise
         if self.proc.poll() is not None:
-            raise RuntimeError("vsftpd ended: " + self.proc.stderr.read().decode(errors="replace"))
+            raise RuntimeError("the FTP server ended: " + self.log())
+
+    def log(self):
+        try:
+            with open(self.log_path, errors="replace") as f:
+                return f.read()
+        except FileNotFoundError:
+            return ""
 
     @property
     def url(self):
@@ -133,14 +126,13 @@ xferlog_enable=NO
         return out
 
     def pause(self):
-        """The server and its sessions stop answering."""
+        """The server stops answering."""
         self.dev.kill(self.proc, signal.SIGSTOP)
 
     def stop(self):
         self.dev.kill(self.proc, signal.SIGKILL)
         self.dev.kill(self.proc, signal.SIGCONT)
         self.proc.wait()
-        self.proc.stderr.close()
 
 
 class CrashSocketStandIn:
