@@ -1,96 +1,149 @@
 #!/bin/sh
-# The main job: builds toolnest, installs it the way a device image would carry
-# it, and runs what the toolbox can do so far.
+# The main job: builds toolnest, installs it the way a device image carries it,
+# starts the simulated device (or, with --board, the emulated MIPS board) with
+# the debug service, the web server and traffic on eth0, and serves the
+# device's debug page at http://127.0.0.1:8080/ until Ctrl-C.
 set -eu
 cd "$(dirname "$0")/.."
+repo=$PWD
 
-tools/deps.sh
-cmake --preset host >/dev/null
-cmake --build --preset host
+usage() {
+    cat <<EOF
+usage: tools/device.sh [--board] [--check] [--port PORT] [--no-build]
 
-root="$PWD/build/device-root"
-rm -rf "$root"
-DESTDIR="$root" cmake --install build/host --prefix /usr >/dev/null
-bin="$root/usr/bin"
+Starts a device with the debug service (debugar.cgi) and its web server
+(mini_httpd with the debug page and its CGI front end), forwards
+127.0.0.1:PORT (default 8080) of this machine to the device's web server and
+serves until Ctrl-C; then everything it started is stopped.
 
-show() {
-    printf '\n$ %s\n' "$*"
-    set +e
-    "$@"
-    rc=$?
-    set -e
-    printf '[exit status %d]\n' "$rc"
+  --board     the emulated MIPS board (mipsel build, qemu-system-mipsel)
+              instead of the simulated device (host build in namespaces)
+  --check     do not serve: fetch the page, a process list and a short
+              capture through the forwarded port, check them, stop
+              (a free port is taken unless --port is given)
+  --port P    the loopback port to forward
+  --no-build  use the build tree as it is
+EOF
 }
 
-# Crash tests run caged: a fresh pid namespace, no core files, a hard time limit.
-caged() {
+board=0 check=0 port="" build=1
+while [ $# -gt 0 ]; do
+    case $1 in
+    --board) board=1 ;;
+    --check) check=1 ;;
+    --port) [ $# -ge 2 ] || { usage >&2; exit 2; }; port=$2; shift ;;
+    --no-build) build=0 ;;
+    -h|--help) usage; exit 0 ;;
+    *) usage >&2; exit 2 ;;
+    esac
+    shift
+done
+
+free_port() {
+    python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
+}
+if [ -z "$port" ]; then
+    if [ "$check" = 1 ]; then port=$(free_port); else port=8080; fi
+fi
+
+# Waits up to $1 seconds for the command after it to succeed.
+wait_for() {
     limit=$1
     shift
-    prlimit --core=0 -- unshare --pid --fork --kill-child --mount-proc -- \
-        timeout -s KILL "$limit" "$@"
+    end=$(($(date +%s) + limit))
+    until "$@" >/dev/null 2>&1; do
+        [ "$(date +%s)" -lt "$end" ] || return 1
+        sleep 0.1
+    done
 }
 
-mkdir -p "$root/tmp"
-echo "== installed into $root"
-(cd "$root" && find . -path ./usr/include -prune -o \( -type f -o -type l \) -print | sort)
-
-show "$bin/toolnest"
-show "$bin/toolnest" ctest
-show "$bin/ctest"
-show "$bin/toolnest" monitor
-show "$bin/coredump-handler"
-
-# A core of a running process by memsnap (the report line first), opened by
-# gdb; the process runs on.
-sleep 60 &
-sleeper=$!
-show sh -c "\"$bin/memsnap\" -c \"$root/tmp/sleep.core\" $sleeper &&
-    gdb -nx -batch -iex 'set debuginfod enabled off' -ex bt /bin/sleep \"$root/tmp/sleep.core\" 2>&1 |
-    grep -E '^#|^Core was' && grep State: /proc/$sleeper/status"
-kill $sleeper
-rm -f "$root/tmp/sleep.core"
-
-# The system-call tracer on a started command (the interesting lines only).
-show sh -c "\"$bin/tstrace\" /bin/echo hello | grep -E '(write|exit_group)\\(|open fds'"
-
-# The simulated device (tools/simdev): this install in namespaces of its own,
-# with eth0, the oops partition, a system report and the device's programs.
-SIMDEV=$(tools/simdev/simdev.sh start -r "$root")
-export SIMDEV
-trap 'tools/simdev/simdev.sh stop' EXIT
-dev() {
-    tools/simdev/simdev.sh exec "$@"
+url="http://127.0.0.1:$port/"
+pids=""
+cleanup() {
+    trap - EXIT INT TERM
+    for p in $pids; do
+        kill "$p" 2>/dev/null || true
+    done
+    for p in $pids; do
+        wait "$p" 2>/dev/null || true
+    done
+    if [ -n "${SIMDEV:-}" ]; then
+        tools/simdev/simdev.sh stop || true
+    fi
 }
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+[ "$build" = 0 ] || tools/deps.sh
+
+if [ "$board" = 1 ]; then
+    if [ "$build" = 1 ]; then
+        [ -e build/sysroot-mipsel/.toolnest-sysroot ] || tools/mksysroot.sh build/sysroot-mipsel
+        cmake --preset mipsel >/dev/null
+        cmake --build --preset mipsel
+    fi
+    # The board boots with its own web server, daemon and toolnest; qemu's
+    # user-mode network forwards the loopback port to its port 80.
+    TOOLNEST_EMU_HOSTFWD="tcp:127.0.0.1:$port-:80" tools/emu/run.sh --serve build/mipsel &
+    pids="$pids $!"
+    echo "== starting the emulated MIPS board (about half a minute)"
+    wait_for 240 curl -sf -o /dev/null -m 5 "$url" || { echo "the board's web server did not come up" >&2; exit 1; }
+else
+    if [ "$build" = 1 ]; then
+        cmake --preset host >/dev/null
+        cmake --build --preset host
+    fi
+    root="$repo/build/device-root"
+    rm -rf "$root"
+    DESTDIR="$root" cmake --install build/host --prefix /usr >/dev/null
+
+    # The simulated device (tools/simdev): this install in namespaces of its
+    # own, with eth0 and a peer that pings it and sends it datagrams.
+    SIMDEV=$(tools/simdev/simdev.sh start -r "$root" -t $$)
+    export SIMDEV
+    eval "$(tools/simdev/simdev.sh info)"
+    dev() {
+        tools/simdev/simdev.sh exec "$@"
+    }
+    # The debug service detaches by itself; so does the web server.
+    dev debugar.cgi
+    wait_for 20 dev test -S /var/run/dbg-cgi/ctrl-cgi-socket || { echo "debugar.cgi did not start" >&2; exit 1; }
+    # (its warnings about the second listening socket and chroot go to its log)
+    dev sh -c "mini_httpd -C /usr/share/toolnest/mini_httpd.conf </dev/null >/dev/null 2>>/var/log/mini_httpd.err"
+    wait_for 20 tools/simdev/simdev.sh peer curl -sf -o /dev/null -m 2 "http://$SIMDEV_DEVICE_IP4/" ||
+        { echo "the device's web server did not start" >&2; exit 1; }
+
+    # This machine's loopback port to the device's web server: each connection
+    # is relayed from the peer's network namespace, so nothing is added to the
+    # machine's own network and the device sees a client on eth0.
+    socat "TCP-LISTEN:$port,bind=127.0.0.1,reuseaddr,fork" \
+        "EXEC:nsenter --target $SIMDEV_PEER_PID --net socat STDIO TCP\\:$SIMDEV_DEVICE_IP4\\:80" &
+    pids="$pids $!"
+    wait_for 20 curl -sf -o /dev/null -m 2 "$url" || { echo "cannot forward $url" >&2; exit 1; }
+fi
+
 echo
-echo "== simulated device $SIMDEV"
-grep -E 'SIMDEV_(DEVICE|PEER)_IP' "$SIMDEV/info"
-show dev ps -eo pid,nlwp,args
+echo "== the device's debug page: $url"
 
-# A packet capture on the device's eth0, where the peer's pings and datagrams
-# arrive all the time.
-show dev sh -c '
-    pcapdump eth0 /tmp/eth0.pcap & pid=$!
-    sleep 1; kill -INT $pid; wait $pid; echo "pcapdump ended with status $?"
-    tcpdump -nr /tmp/eth0.pcap 2>/dev/null | cut -d" " -f2- | head -n 4'
+if [ "$check" = 1 ]; then
+    tmp=$(mktemp -d)
+    trap 'rm -rf "$tmp"; cleanup' EXIT
+    curl -sf -m 20 "$url" -o "$tmp/index.html"
+    grep -q 'Device debugging' "$tmp/index.html"
+    echo "page: $(wc -c < "$tmp/index.html") bytes"
+    curl -sf -m 30 -D "$tmp/ps.head" "${url}cgi-bin/nph-debug.cgi?cmd=ps" -o "$tmp/ps.txt"
+    grep -q 'psdump.txt' "$tmp/ps.head"
+    echo "process list: $(wc -l < "$tmp/ps.txt") lines"
+    curl -sf -m 30 "${url}cgi-bin/nph-debug.cgi?cmd=pcapdump&duration=1" -o "$tmp/cap.pcap"
+    packets=$(tcpdump -nr "$tmp/cap.pcap" 2>/dev/null | wc -l)
+    echo "capture of 1 s: $(wc -c < "$tmp/cap.pcap") bytes, $packets packets"
+    [ "$packets" -gt 0 ]
+    echo "check passed"
+    exit 0
+fi
 
-# The oops log of the device's partition, three reports in a wrapped ring,
-# newest last.
-show dev oopslog /dev/part/oops
-show dev oopslog -r /dev/part/oops
-
-# The first lines of the device's system report.
-show dev sh -c '/usr/sbin/gen_sysdigest.sh | head -n 12'
-
-# The debug archive the device's web page offers, made once on the console:
-# /proc snapshots, a 5-second trace and capture, the system report, the oops
-# log and a core dump with descriptor map of every process of the device.
-out="$PWD/build/debug-archive.tgz"
-show dev sh -c 'debugar.cgi -d > /tmp/debug.tgz 2>/tmp/debug.err; echo "debugar.cgi -d ended with status $?"'
-dev cat /tmp/debug.tgz > "$out"
-echo "== the archive, $(stat -c %s "$out") bytes compressed: $out"
-show sh -c "tar -tvzf \"$out\" | grep -v -E ' [^ ]*/(proc\\.[0-9-]*|proc)/' "
-show sh -c "tar -xOzf \"$out\" --wildcards '*/strace.log' | head -n 5"
-
-show caged 20 prlimit --nofile=64 -- "$bin/fdleak"
-show caged 20 sh -c "\"$bin/segfault\"; echo \"segfault ended with status \$?\""
-show caged 2 sh -c "prlimit --nproc=16 -- setpriv --reuid=65534 --regid=65534 --clear-groups -- \"$bin/forkbomb\" 50000 | head -n 5"
+echo "   serving until Ctrl-C"
+while :; do
+    sleep 3600 &
+    wait $! || true
+done

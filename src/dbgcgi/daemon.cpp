@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
@@ -220,6 +221,12 @@ int run_dbg_cgi(int argc, char **argv)
     }
     signal(SIGPIPE, SIG_IGN);
     signal(SIGALRM, SIG_IGN);
+    // Months of short request threads: one allocation arena, and large
+    // buffers (traces, runtime-trace reads) mapped and unmapped each time
+    // rather than kept in arenas, so that memory returns after every burst.
+    mallopt(M_ARENA_MAX, 1);
+    mallopt(M_MMAP_THRESHOLD, 64 * 1024);
+    mallopt(M_TRIM_THRESHOLD, 128 * 1024);
 
     unlink(dbgcgi.cgi_socket);
     int cgi_fd = handoff_server_socket(dbgcgi.cgi_socket, 0666);

@@ -71,7 +71,7 @@ class HandOver(unittest.TestCase):
         HandOver.n += 1
         out = os.path.join(self.tmp, f"listener-{self.n}.out")
         hdr = os.path.join(self.tmp, f"listener-{self.n}.hdr")
-        before = len(self.svc.sockets())
+        before = len(self.svc.tcp_connections())
         p = self.svc.dev.peer_popen(
             ["curl", "-s", "-o", out, "-D", hdr,
              f"http://{self.svc.dev.ip4}:{dbgdev.PORT}/cgi-bin/debugar.cgi?cmd=coredump"])

@@ -35,6 +35,7 @@ PORT = 8080
 CGI_SOCKET = "/var/run/dbg-cgi/ctrl-cgi-socket"
 SEGF_SOCKET = "/var/run/dbg-cgi/ctrl-segf-socket"
 DUMP_DIR = "/var/spool/storage/SD_DISK/dumps"
+SANITIZER_LOG = "/tmp/dbgcgi-sanitizer"
 
 HEADER = ("HTTP/1.0 200 OK\r\nCache-Control: no-cache\r\n"
           "Expires: Thu, 01 Dec 1994 16:00:00 GMT\r\n"
@@ -224,9 +225,15 @@ class DebugService:
         self.close()
 
     def close(self):
+        self.final_reports = ""
+        try:
+            self.final_reports = self.sanitizer_reports()
+        except OSError:
+            pass
         if self.frontend:
             simdev.Device.kill(self.frontend)
             self.frontend.wait()
+            self.frontend.stdout.close()
             self.frontend = None
         self.syslog.close()
         self.dev.stop()
@@ -304,7 +311,10 @@ class DebugService:
         """debugar.cgi ARGS inside the device; waits for the detached daemon
         (its host pid in self.pid) and its sockets."""
         before = set(self.pids_named("debugar.cgi"))
-        r = self.dev.run(["debugar.cgi", *args], timeout=30)
+        # A sanitizer build's reports would go to /dev/null with the daemon's
+        # standard error: into files of the device instead.
+        env = {f"{s}_OPTIONS": f"log_path={SANITIZER_LOG}" for s in ("ASAN", "UBSAN", "TSAN")}
+        r = self.dev.run(["debugar.cgi", *args], timeout=30, env=env)
         if check and r.returncode != 0:
             raise AssertionError(f"debugar.cgi {args}: status {r.returncode} {r.stderr!r}")
 
@@ -319,7 +329,30 @@ class DebugService:
         self.pid = wait_for(found, "the daemon")
         self.device_daemon_pid = self.device_pid(self.pid)
         wait_for(lambda: len(self.sockets()) >= 2, "the daemon's control sockets")
+        # Its own threads (main, monitor, and a sanitizer's), once settled.
+        last = None
+        while True:
+            n = self.threads()
+            if n == last and n >= 2:
+                break
+            last = n
+            time.sleep(0.1)
+        self.base_threads = n
         return r
+
+    def sanitizer_reports(self):
+        """What a sanitizer build of the daemon reported (text)."""
+        d = os.path.dirname(self.path(SANITIZER_LOG))
+        out = ""
+        for name in sorted(os.listdir(d)):
+            if name.startswith(os.path.basename(SANITIZER_LOG)):
+                with open(os.path.join(d, name), errors="replace") as f:
+                    out += f.read()
+        return out
+
+    def idle(self):
+        """The daemon has only its own threads and no child."""
+        return self.threads() == self.base_threads and not self.children()
 
     def stop_daemon(self):
         if self.pid:
@@ -437,17 +470,34 @@ class DebugService:
 
     def sync(self):
         """Returns once the daemon's main thread has handled everything sent
-        to it before (a request it answers itself at once)."""
-        a, b = socket.socketpair()
-        try:
-            self.handoff(b"/sync\0cmd=sync\0", [b.fileno()])
-            b.close()
-            data = read_all(a, 60)
-            assert data == BAD_REQUEST, data
-        finally:
-            a.close()
+        to it before, the dump check of that pass included: two requests it
+        answers itself at once (the answer to the second one comes after the
+        first one's whole pass)."""
+        for _ in range(2):
+            a, b = socket.socketpair()
+            try:
+                self.handoff(b"/sync\0cmd=sync\0", [b.fileno()])
+                b.close()
+                data = read_all(a, 60)
+                assert data == BAD_REQUEST, data
+            finally:
+                a.close()
+
+    def tcp_connections(self):
+        """The TCP connections (socket inodes) the daemon holds."""
+        inodes = set()
+        for name in ("tcp", "tcp6"):
+            try:
+                with open(f"/proc/{self.pid}/net/{name}") as f:
+                    next(f)
+                    for line in f:
+                        inodes.add(line.split()[9])
+            except OSError:
+                pass
+        return [l for l in self.fds().values()
+                if l.startswith("socket:[") and l[8:-1] in inodes]
 
     def listener_count_wait(self, before):
-        """Waits until the daemon holds one more socket than before (a
-        registered listener)."""
-        wait_for(lambda: len(self.sockets()) > before, "the daemon to hold the listener")
+        """Waits until the daemon holds one more TCP connection than before
+        (a registered listener)."""
+        wait_for(lambda: len(self.tcp_connections()) > before, "the daemon to hold the listener")

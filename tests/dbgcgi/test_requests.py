@@ -33,6 +33,8 @@ def setUpModule():
 def tearDownModule():
     SVC.close()
     shutil.rmtree(TMP, ignore_errors=True)
+    if SVC.final_reports:
+        raise AssertionError("sanitizer reports of the daemon:\n" + SVC.final_reports)
 
 
 def device_pid(name):
@@ -63,7 +65,7 @@ def read_until(sock, cond, seconds=30):
 
 def quiet_daemon():
     """Waits until the daemon is back to its main and monitor threads."""
-    wait_for(lambda: SVC.threads() == 2, "the daemon's request threads to end")
+    wait_for(lambda: SVC.threads() == SVC.base_threads, "the daemon's request threads to end", 60)
 
 
 class FixedAnswers(unittest.TestCase):
@@ -278,6 +280,7 @@ class SystemCallTrace(unittest.TestCase):
         self.assertIn("exit_group(3", text)
         self.assertIn("open fds:", text)
         self.assertEqual(p.wait(timeout=30), 3)
+        p.stdout.close()
         quiet_daemon()
 
     def test_unknown_targets_get_400(self):

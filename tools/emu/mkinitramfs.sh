@@ -31,7 +31,8 @@ mkdir -p bin sbin lib usr/bin usr/sbin usr/lib dev proc sys tmp run root etc \
 chmod 1777 tmp var/tmp
 
 # Programs of the board: /init and the runner, the tests' own needs (a shell,
-# coreutils the unit tests start, the caging tools), iproute2 for the veth pair.
+# coreutils the unit tests start, the caging tools), iproute2 for the veth pair,
+# the device's web server and the process list of the debug service.
 programs="bin/dash bin/echo bin/true bin/false bin/cat bin/ls bin/mkdir bin/rm
 bin/ln bin/cp bin/mv bin/mount bin/umount bin/sleep bin/grep bin/sed bin/dd bin/chown
 bin/mknod bin/uname bin/dmesg bin/readlink bin/mktemp bin/chmod bin/touch
@@ -42,7 +43,8 @@ usr/bin/seq usr/bin/stat usr/bin/nproc usr/bin/printf usr/bin/test
 usr/bin/expr usr/bin/find usr/bin/xargs usr/bin/sort usr/bin/uniq usr/bin/cut
 usr/bin/basename usr/bin/dirname usr/bin/realpath usr/bin/truncate
 usr/bin/tee usr/bin/mkfifo usr/bin/du usr/bin/diff sbin/losetup bin/ip
-usr/bin/base64 bin/gzip usr/bin/iostat usr/bin/pidstat usr/sbin/vsftpd"
+usr/bin/base64 bin/gzip usr/bin/iostat usr/bin/pidstat usr/sbin/vsftpd
+usr/sbin/mini_httpd bin/tar bin/ps"
 for p in $programs; do
     found=""
     for base in "$sysroot" "$extra"; do
@@ -61,7 +63,9 @@ ln -s ../../sbin/losetup usr/sbin/losetup
 
 # toolnest as a device carries it.
 DESTDIR="$root" cmake --install "$build" --prefix /usr >/dev/null
-rm -rf usr/include usr/lib/*.a usr/lib/cmake usr/share
+# Of usr/share only the debug page and its web server configuration.
+rm -rf usr/include usr/lib/*.a usr/lib/cmake
+find usr/share -mindepth 1 -maxdepth 1 ! -name toolnest -exec rm -rf {} +
 $strip --strip-debug usr/bin/toolnest
 
 # Every program of the build's test tree, at the same absolute path as in
@@ -85,6 +89,10 @@ for exe in "$build"/tests/target/board_*; do
     [ -f ".$exe" ] || continue
     ln -s "$exe" "opt/toolnest/bin/$(basename "$exe")"
 done
+# The test front end of the debug service (check:dbgcgi).
+if [ -f "$build/tools/frontend/handoff-front" ]; then
+    $strip --strip-debug -o opt/toolnest/bin/handoff-front "$build/tools/frontend/handoff-front"
+fi
 [ -e opt/toolnest/bin/board_modprobe ] ||
     { echo "mkinitramfs: $build/tests/target/board_modprobe missing (build the tree first)" >&2; exit 1; }
 ln -s ../opt/toolnest/bin/board_modprobe sbin/modprobe

@@ -2,7 +2,13 @@
 # Boots the emulated MIPS Malta board with a mipsel build of toolnest and runs
 # the target suite there (or gives a shell on the board's console).
 #
-#   run.sh [--shell] [--timeout SECONDS] BUILD [SYSROOT]
+#   run.sh [--shell | --serve] [--timeout SECONDS] BUILD [SYSROOT]
+#
+# --serve boots the board as a device with the debug service and its web
+# server and keeps it running until qemu is stopped; qemu's user network
+# forwards TOOLNEST_EMU_HOSTFWD (default tcp:127.0.0.1:8080-:80) to it.  Its
+# console (a shell) goes to BUILD/emu/console.log, or with
+# TOOLNEST_EMU_CONSOLE=stdio to qemu's standard input and output.
 #
 # BUILD is a built mipsel tree (build/mipsel), SYSROOT the mipsel sysroot
 # (default build/sysroot-mipsel).  Downloads are cached in TOOLNEST_EMU_CACHE
@@ -25,8 +31,9 @@ limit=420
 while [ $# -gt 0 ]; do
     case $1 in
     --shell) mode=shell ;;
+    --serve) mode=serve ;;
     --timeout) limit=$2; shift ;;
-    -*) echo "usage: run.sh [--shell] [--timeout SECONDS] BUILD [SYSROOT]" >&2; exit 2 ;;
+    -*) echo "usage: run.sh [--shell | --serve] [--timeout SECONDS] BUILD [SYSROOT]" >&2; exit 2 ;;
     *) break ;;
     esac
     shift
@@ -57,8 +64,13 @@ rm -f "$img"
 truncate -s 64M "$img"
 
 # 256 MB is all the low memory the board has; no network device: the guest's
-# only network is its own veth pair.
-set -- qemu-system-mipsel -M malta -m 256 -no-reboot -nic none -vga none \
+# only network is its own veth pair.  A serving board has a network card on
+# qemu's user network, reachable only through the forwarded loopback port.
+# (Its boot ROM is not needed: the kernel is loaded directly.)
+net="-nic none"
+[ $mode = serve ] && net="-netdev user,id=net0,restrict=on,hostfwd=${TOOLNEST_EMU_HOSTFWD:-tcp:127.0.0.1:8080-:80} -device pcnet,netdev=net0,romfile="
+# shellcheck disable=SC2086 # $net is several words
+set -- qemu-system-mipsel -M malta -m 256 -no-reboot $net -vga none \
     -drive "file=$img,format=raw,if=ide,index=0,media=disk" \
     -kernel "$cache/kernel/vmlinuz" -initrd "$out/initramfs.cpio.gz" -append "$append"
 
@@ -68,6 +80,15 @@ if [ $mode = shell ]; then
 fi
 
 log="$out/console.log"
+if [ $mode = serve ]; then
+    echo "emu: booting the board to serve the debug page, console log $log"
+    # qemu's own messages (packets the restricted network drops) go to a file.
+    echo "emu: qemu's messages in $out/qemu.err"
+    if [ "${TOOLNEST_EMU_CONSOLE:-}" = stdio ]; then
+        exec "$@" -serial stdio -monitor none -display none 2>"$out/qemu.err"
+    fi
+    exec "$@" -serial "file:$log" -monitor none -display none </dev/null 2>"$out/qemu.err"
+fi
 results="$out/results.txt"
 rm -f "$log" "$results"
 start=$(date +%s)
