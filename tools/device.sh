@@ -81,6 +81,21 @@ show dev oopslog -r /dev/part/oops
 # The first lines of the device's system report.
 show dev sh -c '/usr/sbin/gen_sysdigest.sh | head -n 12'
 
+# The debug service: the daemon, the test front end standing in for the web
+# server, and a browser (curl) in the peer's network asking over eth0.
+front="$PWD/build/host/tools/frontend/handoff-front"
+show dev debugar.cgi
+dev "$front" -a 0.0.0.0 -p 8080 > /dev/null &
+url="http://$(. "$SIMDEV/info"; echo "$SIMDEV_DEVICE_IP4"):8080/cgi-bin"
+peer() {
+    tools/simdev/simdev.sh peer "$@"
+}
+until peer curl -s -o /dev/null "$url/x?cmd=none"; do sleep 0.1; done
+show peer sh -c "curl -s -i '$url/debugar.cgi?cmd=ps' | head -n 9"
+show peer sh -c "curl -s -i '$url/debugar.cgi?cmd=nonsense'"
+show peer sh -c "curl -s -m 2 '$url/debugar.cgi?cmd=strace&pid=hearth' | head -n 4"
+show peer sh -c "curl -s '$url/debug.tgz' | tar -tzvf - | sed -n '1,3p;/strace.log/p;/netdump.cap/p;/core$/p'"
+
 show caged 20 prlimit --nofile=64 -- "$bin/fdleak"
 show caged 20 sh -c "\"$bin/segfault\"; echo \"segfault ended with status \$?\""
 show caged 2 sh -c "prlimit --nproc=16 -- setpriv --reuid=65534 --regid=65534 --clear-groups -- \"$bin/forkbomb\" 50000 | head -n 5"

@@ -3,17 +3,6 @@
 # TN-ARTIFACT lines) for the host's reader (ctest target.rtrace_report).
 . "$TN_LIB"
 
-# wait_until TENTHS CMD...: polls CMD until it succeeds, at most TENTHS/10 s.
-wait_until() {
-    n=$1
-    shift
-    until "$@"; do
-        n=$((n - 1))
-        [ $n -gt 0 ] || return 1
-        sleep 0.1
-    done
-}
-
 # caged_mon HOLDER_ARGS REPORT_LINE: in a pid namespace of its own (timeout,
 # sh, the holder and mon), mon runs until the report has a line starting
 # with REPORT_LINE; prints the holder's "ready PID", mon's stderr and the

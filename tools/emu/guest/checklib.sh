@@ -44,6 +44,17 @@ caged() {
         timeout -s KILL "$limit" "$@"
 }
 
+# wait_until TENTHS CMD...: polls CMD until it succeeds, at most TENTHS/10 s.
+wait_until() {
+    n=$1
+    shift
+    until "$@"; do
+        n=$((n - 1))
+        [ $n -gt 0 ] || return 1
+        sleep 0.1
+    done
+}
+
 # check NAME FUNCTION: runs FUNCTION, prints its result line.
 check() {
     TN_NAME=$1
