@@ -14,7 +14,8 @@ namespace {
 // cut short by the kernel.
 enum { FDS_ROOM = 16 };
 
-int fill_address(sockaddr_un *sa, const char *path)
+// A datagram socket and the address of path: the descriptor, or -errno.
+int dgram_socket(const char *path, sockaddr_un *sa)
 {
     size_t len = strlen(path);
     if (len == 0 || len >= sizeof sa->sun_path)
@@ -22,7 +23,8 @@ int fill_address(sockaddr_un *sa, const char *path)
     memset(sa, 0, sizeof *sa);
     sa->sun_family = AF_UNIX;
     memcpy(sa->sun_path, path, len);
-    return 0;
+    int s = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    return s == -1 ? -errno : s;
 }
 
 void close_all(const int *fds, int n)
@@ -36,12 +38,10 @@ void close_all(const int *fds, int n)
 int handoff_server_socket(const char *path, int mode)
 {
     sockaddr_un sa;
-    int r = fill_address(&sa, path);
-    if (r < 0)
-        return r;
-    int s = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (s == -1)
-        return -errno;
+    int s = dgram_socket(path, &sa);
+    if (s < 0)
+        return s;
+    int r;
     if (bind(s, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == -1 ||
         chmod(path, static_cast<mode_t>(mode)) == -1) {
         r = -errno;
@@ -95,12 +95,9 @@ int handoff_recv(int sock, char *buf, int size, int *fd)
 int handoff_send(const char *path, int fd, const void *msg, size_t len)
 {
     sockaddr_un sa;
-    int r = fill_address(&sa, path);
-    if (r < 0)
-        return r;
-    int s = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (s == -1)
-        return -errno;
+    int s = dgram_socket(path, &sa);
+    if (s < 0)
+        return s;
 
     union {
         cmsghdr align;
@@ -125,7 +122,7 @@ int handoff_send(const char *path, int fd, const void *msg, size_t len)
     do
         n = sendmsg(s, &mh, MSG_NOSIGNAL);
     while (n == -1 && errno == EINTR);
-    r = n == -1 ? -errno : 0;
+    int r = n == -1 ? -errno : 0;
     close(s);
     return r;
 }

@@ -14,21 +14,27 @@ travel over the device's eth0.  Unix sockets and files of the device are
 reached through /proc/INIT/root.  The device's /dev/log is a datagram socket
 of this process: every syslog line of the daemon arrives here.
 """
+import argparse
 import array
 import ctypes
 import os
 import queue
 import re
+import shutil
 import signal
 import socket
 import subprocess
 import sys
+import tempfile
 import threading
 import time
+import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "support"))
+sys.path.insert(0, os.path.join(HERE, "..", "monitor"))
 import simdev  # noqa: E402
+import standins  # noqa: E402
 
 CLONE_NEWNET = 0x40000000
 PORT = 8080
@@ -56,19 +62,8 @@ def header(content_type, filename):
     return HEADER.format(content_type, filename).encode()
 
 
-# Stand-ins for the device's helper programs of rtrace: each says how it was
-# started, then prints a line now and then until it is stopped.
-STANDIN = r"""#!/bin/sh
-echo "{name} $*"
-trap 'kill $t 2>/dev/null; exit 0' TERM
-i=0
-while :; do
-    i=$((i + 1))
-    echo "{name} line $i"
-    sleep 0.3 & t=$!
-    wait $t
-done
-"""
+# Stand-ins for the helper programs of rtrace: each says how it was started,
+# then prints a line now and then until it is stopped.
 STANDINS = ("iostat", "pidstat", "signalpost")
 
 
@@ -252,7 +247,8 @@ class DebugService:
             except FileNotFoundError:
                 pass
             with open(p, "w") as f:
-                f.write(STANDIN.format(name=name))
+                f.write(standins.TEMPLATE.format(what=name, name=name, line=f"{name} line $i",
+                                                 period="0.3"))
             os.chmod(p, 0o755)
 
     def host_pids(self):
@@ -501,3 +497,35 @@ class DebugService:
         """Waits until the daemon holds one more TCP connection than before
         (a registered listener)."""
         wait_for(lambda: len(self.tcp_connections()) > before, "the daemon to hold the listener")
+
+
+# ---- test programs ----
+
+ARGS = None
+
+
+def main():
+    """Options of a test program (--prefix STAGE --frontend HANDOFF_FRONT),
+    then unittest's."""
+    global ARGS
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--prefix", required=True)
+    ap.add_argument("--frontend", required=True)
+    ap.add_argument("--emulator", default="")
+    ARGS, rest = ap.parse_known_args()
+    unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)
+
+
+def start_service(tag, **kw):
+    """A device with the service for a test module or class, and a scratch
+    directory: (service, directory)."""
+    tmp = tempfile.mkdtemp(prefix=f"dbgcgi-{tag}.")
+    return DebugService(ARGS.prefix, ARGS.frontend, **kw), tmp
+
+
+def stop_service(svc, tmp):
+    """Ends what start_service made; the daemon's sanitizer reports fail."""
+    svc.close()
+    shutil.rmtree(tmp, ignore_errors=True)
+    if svc.final_reports:
+        raise AssertionError("sanitizer reports of the daemon:\n" + svc.final_reports)

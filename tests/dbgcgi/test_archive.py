@@ -3,18 +3,13 @@ eth0 by curl and Python and judged by GNU tar, Python's tarfile, gzip and
 tshark: plain and compressed archives by path, one archive at a time (503)
 while other requests are served, a browser leaving early, and the one-shot
 archive on standard output."""
-import argparse
 import gzip
 import io
 import os
-import shutil
-import socket
 import subprocess
 import sys
 import tarfile
-import tempfile
 import threading
-import time
 import unittest
 import zlib
 
@@ -23,7 +18,6 @@ sys.path.insert(0, HERE)
 import dbgdev  # noqa: E402
 from dbgdev import BUSY, header, wait_for  # noqa: E402
 
-ARGS = None
 SVC = None
 TMP = None
 TAR_HEADER = header("application/x-tar", "debug.tar")
@@ -33,15 +27,11 @@ GZIP_START = bytes.fromhex("1f8b0800000000000003")
 
 def setUpModule():
     global SVC, TMP
-    TMP = tempfile.mkdtemp(prefix="dbgcgi-arc.")
-    SVC = dbgdev.DebugService(ARGS.prefix, ARGS.frontend)
+    SVC, TMP = dbgdev.start_service("arc")
 
 
 def tearDownModule():
-    SVC.close()
-    shutil.rmtree(TMP, ignore_errors=True)
-    if SVC.final_reports:
-        raise AssertionError("sanitizer reports of the daemon:\n" + SVC.final_reports)
+    dbgdev.stop_service(SVC, TMP)
 
 
 def members(tar_bytes):
@@ -178,15 +168,5 @@ class DumpMode(unittest.TestCase):
         self.assertEqual(m["netdump.cap"].size, 512000)
 
 
-def main():
-    global ARGS
-    ap = argparse.ArgumentParser()
-    ap.add_argument("--prefix", required=True)
-    ap.add_argument("--frontend", required=True)
-    ap.add_argument("--emulator", default="")
-    ARGS, rest = ap.parse_known_args()
-    unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)
-
-
 if __name__ == "__main__":
-    main()
+    dbgdev.main()

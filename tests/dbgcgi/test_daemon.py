@@ -4,13 +4,10 @@ crash socket and the dump directory to a listening browser.  Browsers are
 curl and Python sockets in the peer, over the device's eth0; crash
 connections and raw control datagrams come straight through the device's
 socket files; syslog lines arrive at the device's /dev/log."""
-import argparse
 import os
-import shutil
 import socket
 import subprocess
 import sys
-import tempfile
 import time
 import unittest
 
@@ -19,7 +16,6 @@ sys.path.insert(0, HERE)
 import dbgdev  # noqa: E402
 from dbgdev import BAD_REQUEST, INTERNAL_ERROR, wait_for  # noqa: E402
 
-ARGS = None
 
 USAGE = (b"dbg-cgi 0.1\ndbg-cgi [options] [pids...]\n\n"
          b"-d\tdump tar archive with core-files for pids to stdout.\n"
@@ -36,15 +32,11 @@ class Service(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        cls.tmp = tempfile.mkdtemp(prefix="dbgcgi-test.")
-        cls.svc = dbgdev.DebugService(ARGS.prefix, ARGS.frontend, start=False)
+        cls.svc, cls.tmp = dbgdev.start_service("dmn", start=False)
 
     @classmethod
     def tearDownClass(cls):
-        cls.svc.close()
-        shutil.rmtree(cls.tmp, ignore_errors=True)
-        if cls.svc.final_reports:
-            raise AssertionError("sanitizer reports of the daemon:\n" + cls.svc.final_reports)
+        dbgdev.stop_service(cls.svc, cls.tmp)
 
     def setUp(self):
         self.svc.syslog.clear()
@@ -443,15 +435,5 @@ class Push(Service):
         self.assertEqual(len(body), 100000)
 
 
-def main():
-    global ARGS
-    ap = argparse.ArgumentParser()
-    ap.add_argument("--prefix", required=True)
-    ap.add_argument("--frontend", required=True)
-    ap.add_argument("--emulator", default="")
-    ARGS, rest = ap.parse_known_args()
-    unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)
-
-
 if __name__ == "__main__":
-    main()
+    dbgdev.main()

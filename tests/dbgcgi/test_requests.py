@@ -3,9 +3,7 @@ peer over the device's eth0 through the test front end: the fixed answers
 byte for byte, ps, the runtime trace and its options read back from the
 stream, the packet capture (judged by tshark), the live system-call trace and
 what it leaves behind, core dumps of live processes (judged by gdb)."""
-import argparse
 import os
-import shutil
 import socket
 import struct
 import subprocess
@@ -19,22 +17,17 @@ sys.path.insert(0, HERE)
 import dbgdev  # noqa: E402
 from dbgdev import BAD_REQUEST, header, wait_for  # noqa: E402
 
-ARGS = None
 SVC = None
 TMP = None
 
 
 def setUpModule():
     global SVC, TMP
-    TMP = tempfile.mkdtemp(prefix="dbgcgi-req.")
-    SVC = dbgdev.DebugService(ARGS.prefix, ARGS.frontend)
+    SVC, TMP = dbgdev.start_service("req")
 
 
 def tearDownModule():
-    SVC.close()
-    shutil.rmtree(TMP, ignore_errors=True)
-    if SVC.final_reports:
-        raise AssertionError("sanitizer reports of the daemon:\n" + SVC.final_reports)
+    dbgdev.stop_service(SVC, TMP)
 
 
 def device_pid(name):
@@ -347,15 +340,5 @@ class LiveCoreDump(unittest.TestCase):
             self.assertEqual(SVC.request("/x?cmd=coredump&" + q), BAD_REQUEST, q)
 
 
-def main():
-    global ARGS
-    ap = argparse.ArgumentParser()
-    ap.add_argument("--prefix", required=True)
-    ap.add_argument("--frontend", required=True)
-    ap.add_argument("--emulator", default="")
-    ARGS, rest = ap.parse_known_args()
-    unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)
-
-
 if __name__ == "__main__":
-    main()
+    dbgdev.main()

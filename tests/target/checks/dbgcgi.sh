@@ -9,17 +9,6 @@ F=/opt/toolnest/bin/handoff-front
 RUN=/var/run/dbg-cgi
 IP=10.0.0.1
 
-# wait_until TENTHS CMD...: polls CMD until it succeeds, at most TENTHS/10 s.
-wait_until() {
-    n=$1
-    shift
-    until "$@"; do
-        n=$((n - 1))
-        [ $n -gt 0 ] || return 1
-        sleep 0.1
-    done
-}
-
 peer() {
     ip netns exec peer "$@"
 }
