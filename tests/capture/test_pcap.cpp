@@ -487,14 +487,32 @@ long packet_socket_field(const std::string &line, size_t k)
 // success: one frame with a fixed record length of INT_MAX is enough.  The
 // output goes to /dev/null; a time limit keeps its always-readable state
 // from ending the capture.
+volatile sig_atomic_t count_stop;
+
+void count_stop_handler(int)
+{
+    count_stop = 1;
+}
+
 TEST(PcapDump, CountPastTwoGibIsNotAnError)
 {
-    int out = open("/dev/null", O_RDWR);
-    ASSERT_GE(out, 0);
-    volatile sig_atomic_t stop = 0;
-    int r = 0;
-    std::thread capture(
-        [&] { r = pcap_dump_stoppable("lo", out, 0, INT_MAX, 3600, 0, nullptr, &stop, nullptr); });
+    // The capture runs in a child stopped by a signal, as pcapdump is: the
+    // flag is then set by a handler in the capturing process itself.
+    int res[2];
+    ASSERT_EQ(pipe(res), 0);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        struct sigaction sa = {};
+        sa.sa_handler = count_stop_handler;
+        sigaction(SIGUSR1, &sa, nullptr);
+        int out = open("/dev/null", O_RDWR);
+        int r = pcap_dump_stoppable("lo", out, 0, INT_MAX, 3600, 0, nullptr, &count_stop, nullptr);
+        if (write(res[1], &r, sizeof r) != sizeof r)
+            _exit(2);
+        _exit(0);
+    }
+    close(res[1]);
 
     // Once the capture's socket is bound, one datagram (seen twice on lo);
     // once the socket's queue is empty again the frames are read and their
@@ -512,11 +530,15 @@ TEST(PcapDump, CountPastTwoGibIsNotAnError)
     }
     bool drained =
         bound && wait_until([] { return packet_socket_field(packet_socket_line(), PACKET_RMEM) == 0; }, 60);
-    stop = 1;
-    capture.join();
-    close(out);
+    kill(child, SIGUSR1);
+    int r = 0;
+    ssize_t n = read(res[0], &r, sizeof r);
+    close(res[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
     ASSERT_TRUE(bound) << "no packet socket appeared";
     ASSERT_TRUE(drained) << packet_socket_line();
+    ASSERT_EQ(n, static_cast<ssize_t>(sizeof r));
     EXPECT_EQ(r, INT_MAX);
 }
 

@@ -282,7 +282,9 @@ class DebugPage(unittest.TestCase):
         # is the machine's, not the device's, so the test plays the kernel
         # with a real core of a sleeping program.
         r = self.dev.sh(
-            "sleep 30 & p=$!; memsnap -c /dev/stdout $p > /tmp/crash.core; kill $p; "
+            # dump the sleep itself, not the shell's fork before its exec
+            "sleep 30 & p=$!; until [ \"$(cat /proc/$p/comm)\" = sleep ]; do :; done; "
+            "memsnap -c /dev/stdout $p > /tmp/crash.core; kill $p; "
             "coredump-handler crash.core 1000000000 '!usr!bin!sleep' sleep < /tmp/crash.core",
             timeout=60)
         self.assertEqual(r.returncode, 0, r.stderr)
