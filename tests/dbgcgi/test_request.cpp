@@ -45,7 +45,10 @@ std::string drain(int fd)
     char buf[4096];
     for (;;) {
         pollfd p = {fd, POLLIN, 0};
-        if (poll(&p, 1, 10000) != 1) {
+        int r = poll(&p, 1, 10000);
+        if (r == -1 && errno == EINTR)
+            continue;
+        if (r != 1) {
             ADD_FAILURE() << "no end of the response";
             return out;
         }
