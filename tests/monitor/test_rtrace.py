@@ -175,7 +175,9 @@ class Rtrace(unittest.TestCase):
         rc, err = finish(p)
         # (The loader complains on stderr about the device's trace library.)
         self.assertEqual(rc, 0)
-        self.assertTrue(err.endswith("rtrace_run returned 0, children: none\n"), repr(err[-300:]))
+        # the sampler's last word; a stand-in's own child may still print
+        # its loader warning after its shell was stopped
+        self.assertIn("rtrace_run returned 0, children: none\n", err, repr(err[-300:]))
         # Stopped and reaped: neither running nor a zombie.
         self.assertEqual(sorted(started), ["hearth", "iostat", "pidstat", "signalpost"])
         for pid in started.values():
@@ -235,7 +237,7 @@ class Rtrace(unittest.TestCase):
             os.chmod("/usr/bin/pidstat", 0o755)
         self.assertEqual(rc, 0)
         self.assertIn("execve: Permission denied\n", err, f"stream types {sorted({r.type for r in records(data, allow_cut=True)})}")
-        self.assertTrue(err.endswith("rtrace_run returned 0, children: none\n"), err)
+        self.assertIn("rtrace_run returned 0, children: none\n", err)
         types = {r.type for r in records(data, allow_cut=True)}
         self.assertEqual(types, {1})
 
