@@ -151,15 +151,17 @@ int pcap_dump_stoppable(const char *ifname, int out_fd, int max_bytes, int rec_l
     int sock = socket(AF_PACKET, SOCK_RAW, ETH_P_ALL);
     if (sock < 0)
         return -errno;
-    if (bind(sock, reinterpret_cast<sockaddr *>(&addr), sizeof addr) < 0) {
-        int err = errno;
-        perror("bind");
-        close(sock);
-        return -err;
-    }
+    // The filter goes on before the bind: once bound, frames queue at once,
+    // and any queued before the filter would slip past it unfiltered.
     if (filter && setsockopt(sock, SOL_SOCKET, SO_ATTACH_FILTER, filter, sizeof *filter) < 0) {
         int err = errno;
         perror("setsockopt attach filter");
+        close(sock);
+        return -err;
+    }
+    if (bind(sock, reinterpret_cast<sockaddr *>(&addr), sizeof addr) < 0) {
+        int err = errno;
+        perror("bind");
         close(sock);
         return -err;
     }

@@ -1,6 +1,7 @@
 """The installed mon applet in a pid namespace of its own: the holders that
 the tests start (tests/monitor/holder.py) are the only processes it sees, so
 its alert lines and reports are known exactly."""
+import contextlib
 import os
 import re
 import signal
@@ -42,11 +43,28 @@ class Mon:
         """Waits until n more rounds than the one in place are done."""
         self.round_done(self.round_done(0) + n)
 
+    @contextlib.contextmanager
+    def frozen(self):
+        """mon held stopped (SIGSTOP, seen in /proc) while the caller changes
+        what it watches: its next look at /proc sees all of the change or
+        none of it, never a part."""
+        self.p.send_signal(signal.SIGSTOP)
+        wait_for(lambda: proc_state(self.p.pid) == "T", "mon stopped")
+        try:
+            yield
+        finally:
+            self.p.send_signal(signal.SIGCONT)
+
     def stop(self):
         self.p.send_signal(signal.SIGINT)
         out, _ = self.p.communicate(timeout=60)
         self.err.close()
         return self.p.returncode, out, self.stderr()
+
+
+def proc_state(pid):
+    stat = read_file(f"/proc/{pid}/stat") or ""
+    return stat[stat.rfind(")") + 2:][:1]
 
 
 def fdstats(pid, score, slots):
@@ -152,8 +170,11 @@ class MonTest(unittest.TestCase):
 
     def fork_alert(self, mon, h, children, diff):
         """The holder gets that many children: its fork_score line (returned)
-        and its forkstats entry follow."""
-        h.do(f"children {children}")
+        and its forkstats entry follow.  The children appear all at once
+        for mon: a round that saw only some of them would report another
+        difference."""
+        with mon.frozen():
+            h.do(f"children {children}")
         line = f"pid {h.pid} name {h.name} fork_score {children} [+{diff}]\n"
         wait_for(lambda: line in mon.stderr(), f"the fork_score line at {children}")
         entry = f"forkstats for pid={h.pid}: score={children} nr_childs={children}\n"
@@ -229,11 +250,13 @@ class MonTest(unittest.TestCase):
         self.mon = mon
         # 1000 microseconds apart: many rounds in a moment.
         mon.round_done(0x20)
-        self.assertEqual([n for n in os.listdir("/tmp") if n.startswith("dbg-report")],
-                         ["dbg-report.txt"])
         self.assertEqual(os.stat(REPORT).st_mode & 0o777, 0o600)
         rc, out, err = mon.stop()
         self.assertEqual((rc, out, err), (0, b"", "\nCleanup and exit.\n"))
+        # Read once mon has ended: while it runs, the next round's temporary
+        # file may already be there.  Every round renamed its own.
+        self.assertEqual([n for n in os.listdir("/tmp") if n.startswith("dbg-report")],
+                         ["dbg-report.txt"])
 
 
 if __name__ == "__main__":
