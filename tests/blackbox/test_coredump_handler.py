@@ -6,16 +6,13 @@ the debug service at the crash socket."""
 import hashlib
 import os
 import subprocess
-import sys
 import threading
 import time
 import unittest
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "support"))
-import bb  # noqa: E402
-import devpaths  # noqa: E402
-import simdev  # noqa: E402
+import bb
+import devpaths
+import simdev
 
 HANDLER = "/usr/bin/coredump-handler"
 SOCKET = "/var/run/dbg-cgi/ctrl-segf-socket"

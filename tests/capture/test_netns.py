@@ -14,8 +14,8 @@ import threading
 import time
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "blackbox"))
-import bb  # noqa: E402
+import bb
+from bb import wait_until
 
 PROBE = None
 LOCAL4, REMOTE4 = "10.77.0.1", "10.77.0.2"
@@ -83,15 +83,6 @@ def read_text(path):
             return f.read().strip()
     except OSError:
         return None
-
-
-def wait_until(cond, what, seconds=60):
-    """Waits for cond() with a generous deadline; fails naming what."""
-    deadline = time.time() + seconds
-    while not cond():
-        if time.time() > deadline:
-            raise AssertionError("timed out waiting for " + what)
-        time.sleep(0.01)
 
 
 def eth0_flags():

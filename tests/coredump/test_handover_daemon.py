@@ -11,11 +11,8 @@ import sys
 import tempfile
 import unittest
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "dbgcgi"))
-sys.path.insert(0, os.path.join(HERE, "..", "support"))
-import dbgdev  # noqa: E402
-from dbgdev import wait_for  # noqa: E402
+import dbgdev
+from bb import wait_until
 
 ARGS = None
 HANDLER_ARGS = ["prog.1234.core", "4294967295", "!usr!bin!prog", "prog"]
@@ -96,7 +93,7 @@ class HandOver(unittest.TestCase):
 
     def test_1_stored_dumps_then_a_crash(self):
         # The daemon's first look found both dumps without a listener.
-        wait_for(lambda: self.svc.syslog.texts(), "the daemon's first pass")
+        wait_until(lambda: self.svc.syslog.texts(), "the daemon's first pass")
         self.assertIn(self.svc.syslog.texts()[0],
                       [f"Failed to send dump: {n}" for n in self.STORED])
         got = {}

@@ -5,14 +5,11 @@ import os
 import re
 import shutil
 import subprocess
-import sys
 import tempfile
 import time
 import unittest
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "blackbox"))
-import bb  # noqa: E402
+import bb
 
 DRIVER = SUBJECT = None
 
