@@ -142,7 +142,7 @@ class HandlerTest(unittest.TestCase):
             except BlockingIOError:
                 if not writer.is_alive():
                     break
-                time.sleep(0.001)
+                time.sleep(0.001)  # the writer thread may still fill the pipe
                 continue
             if not chunk:
                 break

@@ -175,7 +175,7 @@ class Traffic:
         s = socket.socket(socket.AF_INET6 if ipv6 else socket.AF_INET, socket.SOCK_DGRAM)
         while not self.stop:
             s.sendto(b"d" * 100, (dst, 9))
-            time.sleep(0.02)
+            time.sleep(0.02)  # steady background traffic, not a flood
         s.close()
 
     def close(self):
@@ -410,7 +410,7 @@ class FilterMe(Base):
         # The other flow runs as long as the capture does.
         while p.poll() is None:
             other.sendall(b"o" * 200)
-            time.sleep(0.05)
+            time.sleep(0.05)  # a steady flow while the capture runs, not a flood
         _, err = p.communicate(timeout=120)
         err = err.decode()
         other.close()

@@ -220,6 +220,8 @@ class ControlDatagrams(Service):
             if st == last:
                 return st
             last = st
+            # No event marks the end of the main thread's work: two equal
+            # readings 50 ms apart count as settled.
             time.sleep(0.05)
 
     def assert_back_to_base(self):
@@ -354,6 +356,8 @@ class Push(Service):
     def test_coredump_without_pid_waits_until_replaced(self):
         self.start()
         p1, out1, hdr1 = self.listen_curl("cmd=coredump", "l1.out")
+        # That nothing comes cannot be waited for: an answer would come at
+        # once, so 0.3 s of silence shows the listener waiting.
         time.sleep(0.3)
         self.assertIsNone(p1.poll(), "the listener waits silently")
         # Another listener replaces it; the first is closed without a byte

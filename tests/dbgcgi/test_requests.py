@@ -294,6 +294,8 @@ class SystemCallTrace(unittest.TestCase):
         read_until(s1, lambda d: f"[{hearth} hearth]".encode() in d)
         s2 = SVC.open_request(f"/x?cmd=strace&pid={hearth}")
         data, _ = read_until(s2, lambda d: b"\r\n\r\n" in d)
+        # Silence cannot be waited for: a trace line would come at once, so
+        # 0.7 s without one shows the second trace waiting.
         time.sleep(0.5)
         s2.settimeout(0.2)
         with self.assertRaises(socket.timeout):

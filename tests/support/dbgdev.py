@@ -312,7 +312,9 @@ class DebugService:
         self.pid = wait_until(found, "the daemon")
         self.device_daemon_pid = self.device_pid(self.pid)
         wait_until(lambda: len(self.sockets()) >= 2, "the daemon's control sockets")
-        # Its own threads (main, monitor, and a sanitizer's), once settled.
+        # Its own threads (main, monitor, and a sanitizer's), once settled: a
+        # sanitizer starts its thread at a time of its own, so two equal
+        # counts 0.1 s apart count as settled.
         last = None
         while True:
             n = self.threads()
