@@ -3,18 +3,15 @@ coredump-handler, fed a core as the kernel would, hands it to the running
 debug service (debugar.cgi), which sends it to the browser that registered
 as listener (curl in the peer, through the test front end, with cmd=coredump
 and no pid).  Stored dumps of the dump directory go to listeners first."""
-import argparse
 import hashlib
 import os
 import shutil
-import sys
 import tempfile
 import unittest
 
 import dbgdev
 from bb import wait_until
 
-ARGS = None
 HANDLER_ARGS = ["prog.1234.core", "4294967295", "!usr!bin!prog", "prog"]
 CONFIG = "/etc/conf.d/debugar.cgi"
 
@@ -38,7 +35,7 @@ class HandOver(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.tmp = tempfile.mkdtemp(prefix="handover.")
-        cls.svc = dbgdev.DebugService(ARGS.prefix, ARGS.frontend, start=False)
+        cls.svc = dbgdev.DebugService(dbgdev.ARGS.prefix, dbgdev.ARGS.frontend, start=False)
         try:
             for name in sorted(cls.STORED):
                 with open(cls.svc.path(dbgdev.DUMP_DIR + "/" + name), "wb") as f:
@@ -155,15 +152,5 @@ class HandOver(unittest.TestCase):
         self.assertEqual(body, core)
 
 
-def main():
-    global ARGS
-    ap = argparse.ArgumentParser()
-    ap.add_argument("--prefix", required=True)
-    ap.add_argument("--frontend", required=True)
-    ap.add_argument("--emulator", default="")
-    ARGS, rest = ap.parse_known_args()
-    unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)
-
-
 if __name__ == "__main__":
-    main()
+    dbgdev.main()
