@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
-#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -181,7 +180,7 @@ inline std::vector<pid_t> tasks(pid_t pid)
 // Waits until a forked child has exec'd the program it was started with:
 // its command line begins with argv0.  The command line shows the new
 // program's arguments only once the exec is through (its name and its
-// executable change before), and qemu-user shows it as the guest's.
+// executable change before).
 inline bool wait_exec(pid_t pid, const std::string &argv0, int seconds = 60)
 {
     char path[64];
