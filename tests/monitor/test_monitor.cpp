@@ -57,6 +57,15 @@ struct child {
     pid_t pid = -1;
     int ctl = -1;
     child(int extra, const char *exec_path = nullptr)
+        : child(exec_path, [extra](int, int) {
+              for (int i = 0; i < extra; i++)
+                  open("/dev/null", O_RDONLY);
+          })
+    {
+    }
+    // setup(ready, go) makes what the child holds; ready and go are the
+    // pipe ends it must keep.
+    template <typename Setup> child(const char *exec_path, Setup setup)
     {
         int ready[2], go[2];
         EXPECT_EQ(pipe(ready), 0);
@@ -65,8 +74,7 @@ struct child {
         if (pid == 0) {
             close(ready[0]);
             close(go[1]);
-            for (int i = 0; i < extra; i++)
-                open("/dev/null", O_RDONLY);
+            setup(ready[1], go[0]);
             close(ready[1]);
             char c;
             while (read(go[0], &c, 1) > 0) {
@@ -245,42 +253,17 @@ namespace {
 
 // A child holding n sockets and, besides them, only its standard
 // descriptors and one pipe end: its descriptor score is n / 8.
-struct socket_holder {
-    pid_t pid = -1;
-    int ctl = -1;
-    explicit socket_holder(int n)
-    {
-        int ready[2], go[2];
-        EXPECT_EQ(pipe(ready), 0);
-        EXPECT_EQ(pipe(go), 0);
-        pid = fork();
-        if (pid == 0) {
-            for (int fd = 3; fd < 1024; fd++)
-                if (fd != ready[1] && fd != go[0])
-                    close(fd);
-            for (int i = 0; i < n; i++)
-                if (socket(AF_UNIX, SOCK_DGRAM, 0) < 0)
-                    _exit(1);
-            close(ready[1]);
-            char c;
-            while (read(go[0], &c, 1) > 0) {
-            }
-            _exit(0);
-        }
-        close(ready[1]);
-        close(go[0]);
-        char c;
-        EXPECT_EQ(read(ready[0], &c, 1), 0);
-        close(ready[0]);
-        ctl = go[1];
-    }
-    ~socket_holder()
-    {
-        close(ctl);
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-    }
-};
+child socket_child(int n)
+{
+    return child(nullptr, [n](int ready, int go) {
+        for (int fd = 3; fd < 1024; fd++)
+            if (fd != ready && fd != go)
+                close(fd);
+        for (int i = 0; i < n; i++)
+            if (socket(AF_UNIX, SOCK_DGRAM, 0) < 0)
+                _exit(1);
+    });
+}
 
 // A process whose main thread has ended, so that its executable link
 // cannot be read (the monitor's mark of a kernel thread), and whose other
@@ -347,7 +330,7 @@ struct temp_dir {
 
 TEST(Monitor, ReportListsScore32ButNot31)
 {
-    socket_holder s31(31 * 8), s32(32 * 8);
+    child s31 = socket_child(31 * 8), s32 = socket_child(32 * 8);
     temp_dir dir;
     std::string path = dir.path + "/report.txt";
     monitor *mon = monitor_create(path.c_str());
