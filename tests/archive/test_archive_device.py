@@ -1,5 +1,5 @@
 """The debug archive made by the installed debugar.cgi inside the simulated
-device, judged by GNU tar, Python's tarfile, gzip, tshark and gdb."""
+device, judged by GNU tar, Python's tarfile, gzip, tshark, gdb and strace."""
 import os
 import re
 import shutil
