@@ -1,5 +1,5 @@
 """The debug archive made by the installed debugar.cgi inside the simulated
-device, judged by GNU tar, Python's tarfile, gzip, tshark and gdb."""
+device, judged by GNU tar, Python's tarfile, gzip, tshark, gdb and strace."""
 import os
 import re
 import shutil
@@ -280,11 +280,29 @@ class ArchiveInDevice(unittest.TestCase):
     def test_a_client_leaving_during_the_trace_gets_no_further_members(self):
         self.dev.run(["sh", "-c", f"printf '{DUMPER_MARK}' > /tmp/mark.sh; chmod 755 /tmp/mark.sh;"
                       " rm -f /tmp/dumper-called"], check=True)
-        r = self.dev.sh("debugar.cgi -d -t -p /tmp/mark.sh 2>/dev/null | "
-                        f"python3 -c '{LEAVER}'; echo ${{PIPESTATUS:-}}", timeout=120)
-        got = r.stdout
-        self.assertIn(b"strace.log", got)
-        self.assertNotIn(b"netdump.cap", got)
+        # The reader cannot see what is written after it left; strace(1)
+        # sees every write the composer still tries.
+        r = self.dev.sh("strace -f -qq -e signal=none -e trace=write,socket,execve -s 64 "
+                        "-o /tmp/composer.calls debugar.cgi -d -t -p /tmp/mark.sh 2>/dev/null | "
+                        f"python3 -c '{LEAVER}'", timeout=120)
+        self.assertIn(b"strace.log", r.stdout)
+        calls = self.dev.run(["cat", "/tmp/composer.calls"], check=True).stdout.decode(
+            errors="replace").splitlines()
+        header = next(i for i, c in enumerate(calls) if "write(1, " in c and "strace.log" in c)
+        failed = next((i for i, c in enumerate(calls) if "EPIPE" in c), None)
+        self.assertIsNotNone(failed, "a write onto the vanished reader failed")
+        self.assertGreater(failed, header)
+        first = calls[failed] if "write(1, " in calls[failed] else calls[failed - 1]
+        self.assertNotRegex(first, r'write\(1, " {64}', "the failed write is trace text, not filler")
+        # The tracer may still hand over text until it ends; nothing of
+        # the archive comes after it: no filler, no later member's header,
+        # no capture, no command.
+        after = calls[failed + 1:]
+        self.assertEqual([c for c in after if re.search(r'write\(1, " {64}', c)], [], "filler")
+        self.assertEqual([c for c in after if re.search(r'write\(1, "debug-\d{8}-\d{6}-c\d+/', c)],
+                         [], "member headers")
+        self.assertEqual([c for c in after if "AF_PACKET" in c or "execve(" in c], [],
+                         "no capture and no command after the failed trace write")
         self.assertEqual(self.dev.run(["test", "-e", "/tmp/dumper-called"]).returncode, 1,
                          "no core was dumped after the client left")
 

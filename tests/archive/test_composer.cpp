@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+#include <zlib.h>
+
 #include "archive.h"
 #include "common.h"
 #include "testutil.h"
@@ -328,6 +330,48 @@ TEST(Gzip, AFailedWriteClosesTheInputAndReportsOne)
     gzip_child(std::string(100000, 'x'), &status, true);
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 11);
+}
+
+// zlib's own raw deflate of the whole input in one call.
+std::string zlib_raw_deflate(const std::string &input, int level)
+{
+    z_stream zs;
+    memset(&zs, 0, sizeof zs);
+    EXPECT_EQ(deflateInit2(&zs, level, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY), Z_OK);
+    std::string out(deflateBound(&zs, input.size()), '\0');
+    zs.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(input.data()));
+    zs.avail_in = static_cast<uInt>(input.size());
+    zs.next_out = reinterpret_cast<Bytef *>(out.data());
+    zs.avail_out = static_cast<uInt>(out.size());
+    EXPECT_EQ(deflate(&zs, Z_FINISH), Z_STREAM_END);
+    out.resize(zs.total_out);
+    deflateEnd(&zs);
+    return out;
+}
+
+TEST(Gzip, BodyIsZlibsFastestRawDeflate)
+{
+    // Many input buffers' worth of text with repeats at all distances, where
+    // the levels choose different matches.
+    std::string input;
+    unsigned v = 7;
+    while (input.size() < 1500000) {
+        v = v * 1103515245u + 12345u;
+        static const char *const words[] = {"proc", "sys", "net", "ipv4", "conf", "= 0\n",
+                                            "kernel", "random", " ", "route", "\n", "eth0"};
+        input += words[(v >> 16) % 12];
+        if ((v >> 8) % 7 == 0)
+            input += std::to_string(v % 1000);
+    }
+    std::string level1 = zlib_raw_deflate(input, 1);
+    ASSERT_NE(level1, zlib_raw_deflate(input, 2)) << "an input on which the levels differ";
+    int status;
+    std::string gz = gzip_child(input, &status);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    ASSERT_GT(gz.size(), 18u);
+    std::string body = gz.substr(10, gz.size() - 18);
+    EXPECT_TRUE(body == level1) << body.size() << " bytes of body, zlib's level 1 gives "
+                                << level1.size();
 }
 
 }  // namespace

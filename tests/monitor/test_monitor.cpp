@@ -5,12 +5,18 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -51,6 +57,15 @@ struct child {
     pid_t pid = -1;
     int ctl = -1;
     child(int extra, const char *exec_path = nullptr)
+        : child(exec_path, [extra](int, int) {
+              for (int i = 0; i < extra; i++)
+                  open("/dev/null", O_RDONLY);
+          })
+    {
+    }
+    // setup(ready, go) makes what the child holds; ready and go are the
+    // pipe ends it must keep.
+    template <typename Setup> child(const char *exec_path, Setup setup)
     {
         int ready[2], go[2];
         EXPECT_EQ(pipe(ready), 0);
@@ -59,8 +74,7 @@ struct child {
         if (pid == 0) {
             close(ready[0]);
             close(go[1]);
-            for (int i = 0; i < extra; i++)
-                open("/dev/null", O_RDONLY);
+            setup(ready[1], go[0]);
             close(ready[1]);
             char c;
             while (read(go[0], &c, 1) > 0) {
@@ -230,4 +244,157 @@ TEST(Monitor, LogGoesToStderr)
     testing::internal::CaptureStderr();
     monitor_log(nullptr, "pid %d name %s fd_score %d [%s%d] sk=%d\n", 5, "x", 65, "+", 65, 0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "pid 5 name x fd_score 65 [+65] sk=0\n");
+}
+
+namespace {
+
+// A child holding n sockets and, besides them, only its standard
+// descriptors and one pipe end: its descriptor score is n / 8.
+child socket_child(int n)
+{
+    return child(nullptr, [n](int ready, int go) {
+        for (int fd = 3; fd < 1024; fd++)
+            if (fd != ready && fd != go)
+                close(fd);
+        for (int i = 0; i < n; i++)
+            if (socket(AF_UNIX, SOCK_DGRAM, 0) < 0)
+                _exit(1);
+    });
+}
+
+// A process whose main thread has ended, so that its executable link
+// cannot be read (the monitor's mark of a kernel thread), and whose other
+// thread has made n children.
+struct headless_parent {
+    pid_t pid = -1;
+    explicit headless_parent(int n)
+    {
+        int ready[2];
+        EXPECT_EQ(pipe(ready), 0);
+        pid = fork();
+        if (pid == 0) {
+            static int kids, ready_fd;
+            kids = n;
+            ready_fd = ready[1];
+            pthread_t t;
+            pthread_create(&t, nullptr, [](void *) -> void * {
+                pid_t self = getpid();
+                for (int i = 0; i < kids; i++) {
+                    if (fork() == 0) {
+                        close(ready_fd);
+                        // The children end with the thread that made them,
+                        // also when it ended before they could ask.
+                        prctl(PR_SET_PDEATHSIG, SIGKILL);
+                        if (getppid() != self)
+                            _exit(0);
+                        for (;;)
+                            pause();
+                    }
+                }
+                close(ready_fd);
+                for (;;)
+                    pause();
+            }, nullptr);
+            // Only this thread ends, without unwinding into the test.
+            syscall(SYS_exit, 0);
+        }
+        close(ready[1]);
+        char c;
+        EXPECT_EQ(read(ready[0], &c, 1), 0);
+        close(ready[0]);
+        EXPECT_TRUE(testutil::wait_until([&] { return proc_is_kernel_thread(pid) != 0; }, 60))
+            << "the main thread of " << pid << " has not ended";
+    }
+    ~headless_parent()
+    {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+};
+
+struct temp_dir {
+    std::string path;
+    temp_dir()
+    {
+        char tmpl[] = "/tmp/tn-mon-XXXXXX";
+        EXPECT_NE(mkdtemp(tmpl), nullptr);
+        path = tmpl;
+    }
+    ~temp_dir() { EXPECT_EQ(system(("rm -rf " + path).c_str()), 0); }
+};
+
+} // namespace
+
+TEST(Monitor, ReportListsScore32ButNot31)
+{
+    child s31 = socket_child(31 * 8), s32 = socket_child(32 * 8);
+    temp_dir dir;
+    std::string path = dir.path + "/report.txt";
+    monitor *mon = monitor_create(path.c_str());
+    testing::internal::CaptureStderr();
+    monitor_run(mon);
+    std::string err = testing::internal::GetCapturedStderr();
+    std::string report = slurp(path);
+    EXPECT_NE(report.find("fdstats for pid=" + std::to_string(s32.pid) + " score=32:\n"),
+              std::string::npos)
+        << report;
+    EXPECT_EQ(report.find("fdstats for pid=" + std::to_string(s31.pid) + " "), std::string::npos)
+        << report;
+    // Neither score is above the first peak (0) by more than 32.
+    EXPECT_EQ(err.find("pid " + std::to_string(s31.pid) + " "), std::string::npos) << err;
+    EXPECT_EQ(err.find("pid " + std::to_string(s32.pid) + " "), std::string::npos) << err;
+    monitor_destroy(mon);
+}
+
+TEST(Monitor, KernelThreadNeeds32ChildrenAnd31SayNothing)
+{
+    headless_parent k31(31), k32(32);
+    temp_dir dir;
+    std::string path = dir.path + "/report.txt";
+    monitor *mon = monitor_create(path.c_str());
+    testing::internal::CaptureStderr();
+    // From the second round on every child is counted, whatever the order
+    // of the pids.
+    monitor_run(mon);
+    monitor_run(mon);
+    std::string err = testing::internal::GetCapturedStderr();
+    std::string report = slurp(path);
+    monitor_proc *r31 = find(mon, k31.pid), *r32 = find(mon, k32.pid);
+    ASSERT_NE(r31, nullptr);
+    ASSERT_NE(r32, nullptr);
+    EXPECT_EQ(r31->nr_childs, 31);
+    EXPECT_EQ(r32->nr_childs, 32);
+    std::string line32 = "pid " + std::to_string(k32.pid) + " name " + r32->name + " fork_score 32 [+";
+    EXPECT_NE(err.find(line32), std::string::npos) << err;
+    EXPECT_EQ(err.find("pid " + std::to_string(k31.pid) + " "), std::string::npos) << err;
+    EXPECT_NE(report.find("forkstats for pid=" + std::to_string(k32.pid) +
+                          ": score=32 nr_childs=32\n"),
+              std::string::npos)
+        << report;
+    EXPECT_EQ(report.find("forkstats for pid=" + std::to_string(k31.pid) + ":"), std::string::npos)
+        << report;
+    monitor_destroy(mon);
+}
+
+TEST(Monitor, ReportIsWrittenUnderPathDotTmpFirst)
+{
+    // A directory in the report's place: the rename fails and the temporary
+    // file stays where it was made.
+    temp_dir dir;
+    std::string path = dir.path + "/report.txt";
+    ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
+    monitor *mon = monitor_create(path.c_str());
+    monitor_run(mon);
+    monitor_destroy(mon);
+    std::vector<std::string> names;
+    DIR *d = opendir(dir.path.c_str());
+    while (dirent *de = readdir(d)) {
+        if (de->d_name[0] != '.' && strcmp(de->d_name, "report.txt") != 0)
+            names.push_back(de->d_name);
+    }
+    closedir(d);
+    ASSERT_EQ(names.size(), 1u);
+    EXPECT_TRUE(std::regex_match(names[0], std::regex(R"(report\.txt\.tmp-[A-Za-z0-9]{6})")))
+        << names[0];
+    EXPECT_EQ(slurp(dir.path + "/" + names[0]).substr(0, 30), "Debug monitor status round=1\n\n");
 }
