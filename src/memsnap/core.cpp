@@ -244,7 +244,7 @@ private:
         size_t n = used_;
         used_ = 0;
         if (!threaded_) {
-            if (n && !failed_ && safe_write(fd_, ring_buf[head_], static_cast<unsigned>(n)) < 0)
+            if (n && !failed_ && safe_write_within(fd_, ring_buf[head_], static_cast<unsigned>(n), stall_limit_ms) < 0)
                 failed_ = errno;
             else if (!failed_)
                 written_ += n;
@@ -283,7 +283,7 @@ private:
             pthread_mutex_unlock(&mu_);
             // After a failure the rest is dropped, so the filler never waits.
             int e = 0;
-            if (!skip && safe_write(fd_, ring_buf[i], static_cast<unsigned>(n)) < 0)
+            if (!skip && safe_write_within(fd_, ring_buf[i], static_cast<unsigned>(n), stall_limit_ms) < 0)
                 e = errno;
             pthread_mutex_lock(&mu_);
             if (e)

@@ -115,10 +115,17 @@ struct snap_thread {
 };
 enum { SNAP_SEIZED = 1, SNAP_STOPPED, SNAP_GONE };
 
+// How long the threads of a process may take to stop, all together; one
+// that has not stopped by then is left out of the core.
+enum { SNAP_STOP_DEADLINE_MS = 2000 };
+
 // Every thread of one process, stopped.  The destructor detaches them all.
 struct snap_threads {
     int tgid = 0;
     snap_vec<snap_thread> t;
+    // One line per thread left out, for standard error after the report.
+    char late_note[1024] = "";
+    int late_len = 0;
 
     snap_threads() = default;
     snap_threads(const snap_threads &) = delete;
