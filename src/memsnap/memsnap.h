@@ -115,6 +115,10 @@ struct snap_thread {
 };
 enum { SNAP_SEIZED = 1, SNAP_STOPPED, SNAP_GONE };
 
+// The low word of a signal mask as /proc/PID/status shows it in hex
+// ("SigBlk:\t0000...0001"); wider masks than a word keep their last digits.
+unsigned long snap_sigmask_low(const char *hex);
+
 // How long the threads of a process may take to stop, all together; one
 // that has not stopped by then is left out of the core.
 enum { SNAP_STOP_DEADLINE_MS = 2000 };
