@@ -12,13 +12,11 @@ Goals: idle RSS under 4 MiB (host build); p50 within 1.5x of /bin/ps alone.
 """
 import argparse
 import json
-import os
 import sys
 import time
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "tests", "dbgcgi"))
-import dbgdev  # noqa: E402
+import dbgdev
+from bb import wait_until
 
 PS_HEAD = dbgdev.header("text/plain", "psdump.txt")
 
@@ -99,7 +97,7 @@ def main():
         def report_written():
             with open(report, "rb") as f:
                 return f.read().startswith(b"Debug monitor status")
-        dbgdev.wait_for(report_written, "the monitor's first round")
+        wait_until(report_written, "the monitor's first round")
         time.sleep(1)
         idle = svc.stats()
 

@@ -7,6 +7,6 @@ set -eu
 build=$(cd "${1:?usage: dbgcgi_latency.sh BUILD_DIR [CLIENTS] [ROUNDS]}" && pwd)
 here=$(cd "$(dirname "$0")" && pwd)
 cmake --install "$build" --prefix "$build/stage" >/dev/null
-exec python3 "$here/dbgcgi_latency.py" --prefix "$build/stage" \
+exec env PYTHONPATH="$here/../tests/support" python3 "$here/dbgcgi_latency.py" --prefix "$build/stage" \
     --frontend "$build/tools/frontend/handoff-front" \
     --clients "${2:-8}" --rounds "${3:-40}" --label "($(basename "$build"))"

@@ -9,7 +9,6 @@ usage: dbgcgi_soak.py --prefix STAGE --frontend HANDOFF_FRONT
 """
 import argparse
 import collections
-import os
 import random
 import socket
 import subprocess
@@ -17,10 +16,9 @@ import sys
 import threading
 import time
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "tests", "dbgcgi"))
-import dbgdev  # noqa: E402
-from dbgdev import BAD_REQUEST, BUSY, INTERNAL_ERROR, header, wait_for  # noqa: E402
+import dbgdev
+from bb import wait_until
+from dbgdev import BAD_REQUEST, BUSY, INTERNAL_ERROR, header
 
 PS_HEAD = header("text/plain", "psdump.txt")
 PCAP_HEAD = header("application/octet-stream", "pcapdump.cap")
@@ -227,7 +225,7 @@ class Soak:
 
 def settle(svc, base_threads):
     """Waits until the daemon has only its own threads and no children left."""
-    wait_for(lambda: svc.threads() == base_threads and not svc.children(),
+    wait_until(lambda: svc.threads() == base_threads and not svc.children(),
              "the daemon to become idle", 120, 0.1)
     svc.sync()
     time.sleep(0.5)
@@ -311,7 +309,7 @@ def main():
           and abs(dfd) <= 2 and dth == 0 and after["children"] == 0
           and (a.rss_slack == 0 or abs(drss) <= a.rss_slack))
     print("verdict:", "PASS" if ok else "FAIL",
-          f"(goals: nothing unexpected, fds ±2, threads 0"
+          "(goals: nothing unexpected, fds ±2, threads 0"
           + (f", rss ±{a.rss_slack} KiB)" if a.rss_slack else ", rss not judged)"))
     return 0 if ok else 1
 

@@ -15,7 +15,7 @@ slack=256
 if grep -qE '^TOOLNEST_(SANITIZE|TSAN):BOOL=ON' "$build/CMakeCache.txt"; then
     slack=0
 fi
-exec python3 "$here/dbgcgi_soak.py" --prefix "$build/stage" \
+exec env PYTHONPATH="$here/../tests/support" python3 "$here/dbgcgi_soak.py" --prefix "$build/stage" \
     --frontend "$build/tools/frontend/handoff-front" \
     --requests "${2:-10000}" --clients "${3:-16}" --rss-slack "$slack" \
     --label "($(basename "$build"))"

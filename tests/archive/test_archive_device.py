@@ -9,11 +9,8 @@ import tarfile
 import tempfile
 import unittest
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "blackbox"))
-sys.path.insert(0, os.path.join(HERE, "..", "support"))
-import bb  # noqa: E402
-import simdev  # noqa: E402
+import bb
+import simdev
 
 SEQ = None  # the archive_seq driver
 PORT = 8765

@@ -23,34 +23,8 @@
 namespace {
 
 using testutil::file_content;
+using testutil::tar_members;
 using testutil::temp_file;
-
-#define NEED_PTRACE()                                                                  \
-    do {                                                                               \
-        if (getenv("TOOLNEST_TEST_EMULATED"))                                          \
-            GTEST_SKIP() << "[qemu-user] qemu-user has no ptrace; the emulated board runs this";   \
-    } while (0)
-
-struct Member {
-    std::string name;
-    size_t size;
-    std::string data;
-};
-
-std::vector<Member> members(const std::string &s)
-{
-    std::vector<Member> out;
-    size_t off = 0;
-    while (off + 512 <= s.size()) {
-        Member m;
-        m.name.assign(s.data() + off, strnlen(s.data() + off, 100));
-        m.size = strtoul(std::string(s.data() + off + 124, 12).c_str(), nullptr, 8);
-        m.data = s.substr(off + 512, m.size);
-        out.push_back(m);
-        off += 512 + (m.size + 511) / 512 * 512;
-    }
-    return out;
-}
 
 // A writer on an unlinked temporary file; the stream once it is closed.
 struct Archive {
@@ -106,7 +80,7 @@ TEST(Composer, AFileLongerThanTheBufferIsCut)
     write_file(dir + "/big", big);
     Archive a;
     EXPECT_EQ(stream_file_unknownsize(a.t, a.fd, "big", (dir + "/big").c_str(), 0), 0);
-    auto m = members(a.finish());
+    auto m = tar_members(a.finish());
     ASSERT_EQ(m.size(), 1u);
     EXPECT_EQ(m[0].size, 102400u);
     EXPECT_EQ(m[0].data, big.substr(0, 102400));
@@ -137,7 +111,7 @@ TEST(Composer, ADirectoryIsReadFlatWithItsSkipList)
     Archive a;
     EXPECT_EQ(stream_dir_unknownsize(a.t, a.fd, "snap/", (dir + "/").c_str(), skip), 0);
     EXPECT_EQ(stream_dir_unknownsize(a.t, a.fd, "x/", (dir + "/absent/").c_str(), skip), 1);
-    auto m = members(a.finish());
+    auto m = tar_members(a.finish());
     ASSERT_EQ(m.size(), 1u);
     EXPECT_EQ(m[0].name, "snap/one");
     EXPECT_EQ(m[0].data, "1\n");
@@ -151,7 +125,7 @@ TEST(Composer, ALongProcFileIsCutInTheSnapshot)
     ASSERT_EQ(stat("/proc/kallsyms", &st), 0);
     Archive a;
     EXPECT_EQ(stream_proc(a.t, a.fd), 0);
-    auto m = members(a.finish());
+    auto m = tar_members(a.finish());
     bool found = false;
     for (auto &x : m) {
         if (x.name.size() > 9 && x.name.compare(x.name.size() - 9, 9, "/kallsyms") == 0 &&
@@ -202,7 +176,7 @@ TEST(Composer, KcoreOfTenMebibytesIsStored)
     KcorePath k(dir + "/kcore");
     Archive a;
     EXPECT_EQ(stream_kcore(a.t, a.fd), 0);
-    auto m = members(a.finish());
+    auto m = tar_members(a.finish());
     ASSERT_EQ(m.size(), 1u);
     EXPECT_EQ(m[0].name, "kcore");
     EXPECT_EQ(m[0].size, 10485760u);
@@ -231,15 +205,7 @@ pid_t spawn(const char *script)
     }
     // Trace only once the shell runs: a plain SIGTRAP stop (as after an
     // execve under trace) counts as the tracee's exit event.
-    char self[256] = {}, exe[256] = {}, link[64];
-    EXPECT_GT(readlink("/proc/self/exe", self, sizeof self - 1), 0);
-    snprintf(link, sizeof link, "/proc/%d/exe", p);
-    for (int i = 0; i < 2000; i++) {
-        memset(exe, 0, sizeof exe);
-        if (readlink(link, exe, sizeof exe - 1) > 0 && strcmp(exe, self) != 0)
-            break;
-        usleep(5000);
-    }
+    EXPECT_TRUE(testutil::wait_exec(p, "sh"));
     return p;
 }
 
@@ -256,7 +222,7 @@ TEST(Composer, AShortTraceIsFilledWithLinesOfSpaces)
     int32_t pids[1] = {p};
     Archive a;
     EXPECT_EQ(stream_strace_log(a.t, pids, 1), 0);
-    auto m = members(a.finish());
+    auto m = tar_members(a.finish());
     reap(p);
     ASSERT_EQ(m.size(), 1u);
     EXPECT_EQ(m[0].name, "strace.log");
@@ -281,7 +247,7 @@ TEST(Composer, ALongTraceIsCutAtTheBudget)
     EXPECT_EQ(stream_strace_log(a.t, pids, 1), 0);
     // the next header sits exactly behind the 204800 promised bytes
     tar_addfile(a.t, "next", 0);
-    auto m = members(a.finish());
+    auto m = tar_members(a.finish());
     reap(p);
     ASSERT_EQ(m.size(), 2u);
     EXPECT_EQ(m[0].data.size(), 204800u);

@@ -6,16 +6,13 @@ the debug service at the crash socket."""
 import hashlib
 import os
 import subprocess
-import sys
 import threading
 import time
 import unittest
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "support"))
-import bb  # noqa: E402
-import devpaths  # noqa: E402
-import simdev  # noqa: E402
+import bb
+import devpaths
+import simdev
 
 HANDLER = "/usr/bin/coredump-handler"
 SOCKET = "/var/run/dbg-cgi/ctrl-segf-socket"
@@ -145,7 +142,7 @@ class HandlerTest(unittest.TestCase):
             except BlockingIOError:
                 if not writer.is_alive():
                     break
-                time.sleep(0.001)
+                time.sleep(0.001)  # the writer thread may still fill the pipe
                 continue
             if not chunk:
                 break

@@ -31,16 +31,11 @@ def caged(inner, limit=90):
 
 def cage_pids(outer_pid):
     """(namespace init, the applet) as seen from here."""
-    deadline = time.time() + 60
-    while time.time() < deadline:
+    def found():
         kids = bb.children(outer_pid)
-        if kids:
-            init = kids[0]
-            grandkids = bb.children(init)
-            if grandkids:
-                return init, grandkids[0]
-        time.sleep(0.05)
-    raise AssertionError("caged process not found")
+        grandkids = bb.children(kids[0]) if kids else []
+        return (kids[0], grandkids[0]) if grandkids else None
+    return bb.wait_until(found, "the caged process", step=0.05)
 
 
 def kill_cage(p):
@@ -93,9 +88,7 @@ class CrashTests(unittest.TestCase):
             self.assertGreater(len(members), 5)
             self.assertLessEqual(len(members), 24 * 2)
             os.kill(init, signal.SIGKILL)
-            deadline = time.time() + 60
-            while bb.pids_in_ns(ns) and time.time() < deadline:
-                time.sleep(0.1)
+            bb.wait_until(lambda: not bb.pids_in_ns(ns), "the namespace to empty", step=0.1)
             self.assertEqual(bb.pids_in_ns(ns), [])
         finally:
             kill_cage(p)

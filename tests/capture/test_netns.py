@@ -14,8 +14,8 @@ import threading
 import time
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "blackbox"))
-import bb  # noqa: E402
+import bb
+from bb import wait_until
 
 PROBE = None
 LOCAL4, REMOTE4 = "10.77.0.1", "10.77.0.2"
@@ -83,15 +83,6 @@ def read_text(path):
             return f.read().strip()
     except OSError:
         return None
-
-
-def wait_until(cond, what, seconds=60):
-    """Waits for cond() with a generous deadline; fails naming what."""
-    deadline = time.time() + seconds
-    while not cond():
-        if time.time() > deadline:
-            raise AssertionError("timed out waiting for " + what)
-        time.sleep(0.01)
 
 
 def eth0_flags():
@@ -184,7 +175,7 @@ class Traffic:
         s = socket.socket(socket.AF_INET6 if ipv6 else socket.AF_INET, socket.SOCK_DGRAM)
         while not self.stop:
             s.sendto(b"d" * 100, (dst, 9))
-            time.sleep(0.02)
+            time.sleep(0.02)  # steady background traffic, not a flood
         s.close()
 
     def close(self):
@@ -419,7 +410,7 @@ class FilterMe(Base):
         # The other flow runs as long as the capture does.
         while p.poll() is None:
             other.sendall(b"o" * 200)
-            time.sleep(0.05)
+            time.sleep(0.05)  # a steady flow while the capture runs, not a flood
         _, err = p.communicate(timeout=120)
         err = err.decode()
         other.close()

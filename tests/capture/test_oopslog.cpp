@@ -4,6 +4,7 @@
 // image file; argument and device errors.
 #include "capture.h"
 #include "common.h"
+#include "testutil.h"
 
 #include <gtest/gtest.h>
 
@@ -74,10 +75,7 @@ ssize_t __wrap_pread64(int fd, void *buf, size_t n, off64_t off)
 
 namespace {
 
-bool emulated()
-{
-    return getenv("TOOLNEST_TEST_EMULATED") != nullptr;
-}
+using testutil::emulated;
 
 struct slot {
     int index;

@@ -3,12 +3,10 @@ images: exact stdout and stderr, forward and with -r, and its error paths."""
 import os
 import struct
 import subprocess
-import sys
 import tempfile
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "blackbox"))
-import bb  # noqa: E402
+import bb
 
 MAGIC = 0x5d005d00
 USAGE = b"USAGE: oopslog [options] mtdblock-device\n\n"

@@ -152,7 +152,7 @@ public:
             while (!stop_) {
                 sendto(s, buf.data(), buf.size(), 0, reinterpret_cast<const sockaddr *>(&to),
                        sizeof to);
-                usleep(interval_us);
+                usleep(interval_us);  // a steady flow, not a flood
             }
             close(s);
         });

@@ -2,14 +2,11 @@
 test's own: what it sends (control message, the very connection it was given)
 and what it answers itself.  Each case runs in a mount namespace whose /var/run is
 a fresh tmpfs, so the service path exists only there."""
-import os
 import subprocess
 import sys
 import unittest
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "blackbox"))
-import bb  # noqa: E402
+import bb
 
 FRONT = "share/toolnest/www/cgi-bin/nph-debug.cgi"
 SOCK = "/var/run/dbg-cgi/ctrl-cgi-socket"

@@ -17,12 +17,8 @@
 
 namespace {
 
+using testutil::emulated;
 using testutil::Pipe;
-
-bool emulated()
-{
-    return getenv("TOOLNEST_TEST_EMULATED") != nullptr;
-}
 
 TEST(SysRun, ReturnsTheExitCode)
 {

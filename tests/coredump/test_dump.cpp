@@ -25,31 +25,8 @@
 namespace {
 
 using testutil::file_content;
+using testutil::tar_members;
 using testutil::temp_file;
-
-struct Member {
-    std::string name;
-    size_t size;
-    size_t offset;  // of the header
-    std::string data;
-};
-
-// Headers of a stream made of members whose data ends padded to 512 bytes.
-std::vector<Member> members(const std::string &s)
-{
-    std::vector<Member> out;
-    size_t off = 0;
-    while (off + 512 <= s.size()) {
-        Member m;
-        m.name.assign(s.data() + off, strnlen(s.data() + off, 100));
-        m.size = strtoul(std::string(s.data() + off + 124, 12).c_str(), nullptr, 8);
-        m.offset = off;
-        m.data = s.substr(off + 512, m.size);
-        out.push_back(m);
-        off += 512 + (m.size + 511) / 512 * 512;
-    }
-    return out;
-}
 
 class Dump : public ::testing::Test {
 protected:
@@ -124,21 +101,8 @@ protected:
             _exit(127);
         }
         children_.push_back(p);
-        // exec done once the command line shows the new argv[0]
-        std::string want = args[0];
-        for (int i = 0; i < 2000; i++) {
-            char path[64], buf[256] = {};
-            snprintf(path, sizeof path, "/proc/%d/cmdline", p);
-            int fd = open(path, O_RDONLY);
-            if (fd >= 0) {
-                ssize_t n = read(fd, buf, sizeof buf - 1);
-                close(fd);
-                if (n > 0 && want == buf)
-                    return p;
-            }
-            usleep(5000);
-        }
-        ADD_FAILURE() << "process did not start";
+        if (!testutil::wait_exec(p, args[0]))
+            ADD_FAILURE() << "process did not start";
         return p;
     }
 
@@ -202,7 +166,7 @@ TEST_F(Dump, MembersAreNamedAfterTheProgramsBaseName)
     std::string out, err;
     EXPECT_EQ(dump(pids, 0, out, err), 0);
     EXPECT_EQ(err, "");
-    auto m = members(out);
+    auto m = tar_members(out);
     ASSERT_EQ(m.size(), 2u);
     EXPECT_EQ(m[0].name, "prog." + ids(p) + "/core");
     EXPECT_EQ(m[0].size, 10u);
@@ -220,7 +184,7 @@ TEST_F(Dump, TheDumperGetsItsFixedArgumentsAndThePid)
     std::vector<int32_t> pids{p};
     std::string out, err;
     EXPECT_EQ(dump(pids, 0, out, err), 0);
-    auto m = members(out);
+    auto m = tar_members(out);
     ASSERT_GE(m.size(), 1u);
     EXPECT_EQ(m[0].data, args);
 }
@@ -232,7 +196,7 @@ TEST_F(Dump, AnEmptyCommandLineGivesADirectoryOfThePidAlone)
     std::vector<int32_t> pids{z};
     std::string out, err;
     EXPECT_EQ(dump(pids, 0, out, err), 0);
-    auto m = members(out);
+    auto m = tar_members(out);
     ASSERT_GE(m.size(), 1u);
     EXPECT_EQ(m[0].name, "." + ids(z) + "/core");
 }
@@ -245,7 +209,7 @@ TEST_F(Dump, AnUnreadableCommandLineGivesUnknown)
     std::vector<int32_t> pids{gone};
     std::string out, err;
     EXPECT_EQ(dump(pids, 0, out, err), 0);
-    auto m = members(out);
+    auto m = tar_members(out);
     ASSERT_GE(m.size(), 1u);
     EXPECT_EQ(m[0].name, "unknown." + std::to_string(gone) + "/core");
 }
@@ -267,7 +231,7 @@ TEST_F(Dump, AFailingDumperKeepsTheCoreButGivesNoDescriptorMap)
     std::vector<int32_t> pids{p};
     std::string out, err;
     EXPECT_EQ(dump(pids, 0, out, err), 0);
-    auto m = members(out);
+    auto m = tar_members(out);
     ASSERT_EQ(m.size(), 1u);
     EXPECT_EQ(m[0].name, "prog." + ids(p) + "/core");
     EXPECT_EQ(m[0].data, "hello");

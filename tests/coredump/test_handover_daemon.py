@@ -3,21 +3,15 @@ coredump-handler, fed a core as the kernel would, hands it to the running
 debug service (debugar.cgi), which sends it to the browser that registered
 as listener (curl in the peer, through the test front end, with cmd=coredump
 and no pid).  Stored dumps of the dump directory go to listeners first."""
-import argparse
 import hashlib
 import os
 import shutil
-import sys
 import tempfile
 import unittest
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "dbgcgi"))
-sys.path.insert(0, os.path.join(HERE, "..", "support"))
-import dbgdev  # noqa: E402
-from dbgdev import wait_for  # noqa: E402
+import dbgdev
+from bb import wait_until
 
-ARGS = None
 HANDLER_ARGS = ["prog.1234.core", "4294967295", "!usr!bin!prog", "prog"]
 CONFIG = "/etc/conf.d/debugar.cgi"
 
@@ -41,7 +35,7 @@ class HandOver(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.tmp = tempfile.mkdtemp(prefix="handover.")
-        cls.svc = dbgdev.DebugService(ARGS.prefix, ARGS.frontend, start=False)
+        cls.svc = dbgdev.DebugService(dbgdev.ARGS.prefix, dbgdev.ARGS.frontend, start=False)
         try:
             for name in sorted(cls.STORED):
                 with open(cls.svc.path(dbgdev.DUMP_DIR + "/" + name), "wb") as f:
@@ -96,7 +90,7 @@ class HandOver(unittest.TestCase):
 
     def test_1_stored_dumps_then_a_crash(self):
         # The daemon's first look found both dumps without a listener.
-        wait_for(lambda: self.svc.syslog.texts(), "the daemon's first pass")
+        wait_until(lambda: self.svc.syslog.texts(), "the daemon's first pass")
         self.assertIn(self.svc.syslog.texts()[0],
                       [f"Failed to send dump: {n}" for n in self.STORED])
         got = {}
@@ -158,15 +152,5 @@ class HandOver(unittest.TestCase):
         self.assertEqual(body, core)
 
 
-def main():
-    global ARGS
-    ap = argparse.ArgumentParser()
-    ap.add_argument("--prefix", required=True)
-    ap.add_argument("--frontend", required=True)
-    ap.add_argument("--emulator", default="")
-    ARGS, rest = ap.parse_known_args()
-    unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)
-
-
 if __name__ == "__main__":
-    main()
+    dbgdev.main()

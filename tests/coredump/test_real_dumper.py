@@ -5,14 +5,10 @@ import os
 import re
 import shutil
 import subprocess
-import sys
 import tempfile
-import time
 import unittest
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "blackbox"))
-import bb  # noqa: E402
+import bb
 
 DRIVER = SUBJECT = None
 
@@ -26,10 +22,7 @@ class RealDumper(unittest.TestCase):
         self.pid = int(line[1])
         # "ready" comes just before the threads block: wait until all three
         # sit in their read, so the backtraces are the parked ones
-        end = time.monotonic() + 60
-        while not self.all_parked():
-            self.assertLess(time.monotonic(), end, "threads never blocked in read")
-            time.sleep(0.01)
+        bb.wait_until(self.all_parked, "the threads to block in read")
 
     def all_parked(self):
         nr_read = "0"  # x86_64; this test runs on the host only

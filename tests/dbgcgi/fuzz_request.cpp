@@ -55,6 +55,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             break;
     }
     close(sv[0]);
+    // The archive stand-in ends on its own thread: the next input starts
+    // only once it has.
     while (__atomic_load_n(&archive_in_progress, __ATOMIC_SEQ_CST))
         usleep(100);
     return 0;

@@ -7,16 +7,14 @@ import gzip
 import io
 import os
 import subprocess
-import sys
 import tarfile
 import threading
 import unittest
 import zlib
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, HERE)
-import dbgdev  # noqa: E402
-from dbgdev import BUSY, header, wait_for  # noqa: E402
+import dbgdev
+from bb import wait_until
+from dbgdev import BUSY, header
 
 SVC = None
 TMP = None
@@ -46,9 +44,9 @@ def gnu_tar_list(path, z=False):
 
 
 def wait_idle():
-    wait_for(lambda: SVC.threads() == SVC.base_threads, "the archive thread to end", 120)
-    wait_for(lambda: not SVC.children(), "the filter process to be reaped", 60)
-    wait_for(lambda: not SVC.stopped_or_traced(), "every process detached", 60)
+    wait_until(lambda: SVC.threads() == SVC.base_threads, "the archive thread to end", 120)
+    wait_until(lambda: not SVC.children(), "the filter process to be reaped", 60)
+    wait_until(lambda: not SVC.stopped_or_traced(), "every process detached", 60)
     assert SVC.zombies() == []
 
 
@@ -62,7 +60,7 @@ class Archives(unittest.TestCase):
             got["data"] = dbgdev.read_all(s, 180)
         t = threading.Thread(target=download)
         t.start()
-        wait_for(lambda: SVC.threads() > SVC.base_threads, "the archive thread")
+        wait_until(lambda: SVC.threads() > SVC.base_threads, "the archive thread")
         # A second archive is refused while this one is made; ps is served.
         for path in ("/x/debug.tgz", "/x/coredumps.tgz", "/x/other"):
             self.assertEqual(SVC.request(path), BUSY, path)
@@ -133,7 +131,7 @@ class Archives(unittest.TestCase):
         def attempt():
             head, body = self.first_bytes(path, 600)
             return None if head.startswith(b"HTTP/1.0 503") else (head, body)
-        return wait_for(attempt, "the next archive to be accepted", 120, 0.2)
+        return wait_until(attempt, "the next archive to be accepted", 120, 0.2)
 
     def test_prefixes_select_gzip_and_a_browser_leaving_ends_the_archive(self):
         # (Every prefix case, with the archive stood in for: test_dbgcgi_request.)

@@ -7,14 +7,12 @@ socket files; syslog lines arrive at the device's /dev/log."""
 import os
 import socket
 import subprocess
-import sys
 import time
 import unittest
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, HERE)
-import dbgdev  # noqa: E402
-from dbgdev import BAD_REQUEST, INTERNAL_ERROR, wait_for  # noqa: E402
+import dbgdev
+from bb import wait_until
+from dbgdev import BAD_REQUEST, INTERNAL_ERROR
 
 
 USAGE = (b"dbg-cgi 0.1\ndbg-cgi [options] [pids...]\n\n"
@@ -126,7 +124,7 @@ class StartUp(Service):
         def report_written():
             with open(report, "rb") as f:
                 return f.read().startswith(b"Debug monitor status round=1\n\n")
-        wait_for(report_written, "the monitor's first report")
+        wait_until(report_written, "the monitor's first report")
 
     def test_stale_socket_files_are_replaced(self):
         for p in (dbgdev.CGI_SOCKET, dbgdev.SEGF_SOCKET):
@@ -165,10 +163,10 @@ class StartUp(Service):
 
         def tracer(p):
             return int(dbgdev.proc_status(p)["TracerPid"])
-        wait_for(lambda: tracer(hearth), "hearth traced")
+        wait_until(lambda: tracer(hearth), "hearth traced")
         self.assertEqual(tracer(storaged), 0)
         s.close()
-        wait_for(lambda: not self.svc.stopped_or_traced(), "everything detached")
+        wait_until(lambda: not self.svc.stopped_or_traced(), "everything detached")
         # -k: the stored dump is taken from there.
         p, out, hdr = self.listen_curl("listen", "k.out", wait=False)
         p.wait(timeout=60)
@@ -179,7 +177,7 @@ class StartUp(Service):
     def test_cgi_socket_that_cannot_be_made(self):
         r = self.svc.dev.run(["debugar.cgi", "-n", "-c", "/nonexistent/cgi"], timeout=30)
         self.assertEqual((r.returncode, r.stdout, r.stderr), (1, b"", b""))
-        wait_for(lambda: self.svc.syslog.messages(), "the syslog line")
+        wait_until(lambda: self.svc.syslog.messages(), "the syslog line")
         self.assertIn((LOG_ERR_DAEMON, "Could not open /nonexistent/cgi: No such file or directory"),
                       [(p, t) for p, _, t in self.svc.syslog.messages()])
 
@@ -187,7 +185,7 @@ class StartUp(Service):
         r = self.svc.dev.run(["debugar.cgi", "-n", "-c", "/tmp/c2", "-s", "/nonexistent/segf"],
                              timeout=30)
         self.assertEqual((r.returncode, r.stdout, r.stderr), (1, b"", b""))
-        wait_for(lambda: any("segf" in t for t in self.svc.syslog.texts()), "the syslog line")
+        wait_until(lambda: any("segf" in t for t in self.svc.syslog.texts()), "the syslog line")
         self.assertIn((LOG_ERR_DAEMON, "Could not open /nonexistent/segf: No such file or directory"),
                       [(p, t) for p, _, t in self.svc.syslog.messages()])
 
@@ -222,10 +220,12 @@ class ControlDatagrams(Service):
             if st == last:
                 return st
             last = st
+            # No event marks the end of the main thread's work: two equal
+            # readings 50 ms apart count as settled.
             time.sleep(0.05)
 
     def assert_back_to_base(self):
-        wait_for(lambda: self.stats() == self.base, f"counts back to {self.base}", 10)
+        wait_until(lambda: self.stats() == self.base, f"counts back to {self.base}", 10)
 
     def pair(self):
         a, b = socket.socketpair()
@@ -350,12 +350,14 @@ class Push(Service):
         self.svc.sync()
         self.assertTrue(self.svc.alive())
         self.assertEqual(self.svc.syslog.texts(), [])
-        wait_for(lambda: {k: v for k, v in self.svc.stats().items() if k != "rss_kib"} == base,
+        wait_until(lambda: {k: v for k, v in self.svc.stats().items() if k != "rss_kib"} == base,
                  "the daemon's counts back to before")
 
     def test_coredump_without_pid_waits_until_replaced(self):
         self.start()
         p1, out1, hdr1 = self.listen_curl("cmd=coredump", "l1.out")
+        # That nothing comes cannot be waited for: an answer would come at
+        # once, so 0.3 s of silence shows the listener waiting.
         time.sleep(0.3)
         self.assertIsNone(p1.poll(), "the listener waits silently")
         # Another listener replaces it; the first is closed without a byte
@@ -379,7 +381,7 @@ class Push(Service):
         self.start()
         # A pass without listener: the first dump stays and is logged.
         self.svc.sync()
-        wait_for(lambda: self.svc.syslog.texts(), "the syslog line")
+        wait_until(lambda: self.svc.syslog.texts(), "the syslog line")
         first = self.svc.syslog.messages()[0]
         self.assertEqual(first[0], LOG_ERR_DAEMON)
         self.assertIn(first[2], ["Failed to send dump: " + n for n in dumps])
@@ -424,7 +426,7 @@ class Push(Service):
         self.svc.handoff(b"/x\0listen\0", [b.fileno()])
         b.close()
         self.svc.sync()
-        wait_for(lambda: self.svc.syslog.texts(), "the syslog line")
+        wait_until(lambda: self.svc.syslog.texts(), "the syslog line")
         self.assertEqual(self.svc.syslog.texts()[0], "Failed to send dump: core.x.1")
         self.assertNotIn(listener, self.svc.fds().values(), "the listener connection is closed")
         self.assertTrue(os.path.exists(self.svc.path(dbgdev.DUMP_DIR + "/core.x.1")))

@@ -4,6 +4,7 @@
 // browser's end.
 #include "dbgcgi.h"
 #include "request_stubs.h"
+#include "testutil.h"
 
 #include <gtest/gtest.h>
 
@@ -18,7 +19,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <string>
 #include <thread>
 
@@ -62,12 +62,7 @@ std::string drain(int fd)
 template <typename F>
 bool eventually(F cond)
 {
-    for (int i = 0; i < 1000; i++) {
-        if (cond())
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
+    return testutil::wait_until(cond, 60);
 }
 
 // Threads of this process, and whether any thread has a child.
@@ -81,23 +76,34 @@ int threads()
     return n;
 }
 
+bool has_child(pid_t tid)
+{
+    char path[64], buf[64] = {};
+    snprintf(path, sizeof path, "/proc/self/task/%d/children", tid);
+    FILE *f = fopen(path, "r");
+    if (!f)
+        return false;
+    bool any = fread(buf, 1, sizeof buf - 1, f) > 0;
+    fclose(f);
+    return any;
+}
+
 bool has_children()
 {
-    DIR *d = opendir("/proc/self/task");
-    bool any = false;
-    while (dirent *de = readdir(d)) {
-        if (de->d_name[0] == '.')
-            continue;
-        char path[300], buf[64] = {};
-        snprintf(path, sizeof path, "/proc/self/task/%s/children", de->d_name);
-        FILE *f = fopen(path, "r");
-        if (f) {
-            any |= fread(buf, 1, sizeof buf - 1, f) > 0;
-            fclose(f);
-        }
-    }
-    closedir(d);
-    return any;
+    for (pid_t t : testutil::tasks(getpid()))
+        if (has_child(t))
+            return true;
+    return false;
+}
+
+// The stand-in tracer blocked in its waitpid(-1): the thread that forked
+// the process it holds, asleep.
+bool tracer_waiting()
+{
+    for (pid_t t : testutil::tasks(getpid()))
+        if (has_child(t) && testutil::state_of(getpid(), t) == 'S')
+            return true;
+    return false;
 }
 
 // The threads of the process before the test (a sanitizer may have its own).
@@ -456,7 +462,7 @@ TEST_F(Request, StraceCapAt512)
 {
     // 600 times pid 1 (alive, and ours to signal as root): the list stops at 512.
     if (geteuid() != 0)
-        GTEST_SKIP() << "needs root to signal pid 1";
+        GTEST_SKIP() << "[root] needs root to signal pid 1";
     std::string list;
     for (int i = 0; i < 600; i++)
         list += "1,";
@@ -479,7 +485,7 @@ TEST_F(Request, BrowserLeavingStopsAWaitingTrace)
     }
     EXPECT_EQ(got, want);
     ASSERT_TRUE(eventually([] { return !stub_calls().empty(); }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ASSERT_TRUE(eventually(tracer_waiting));
     // The browser goes: the watcher wakes the tracer, which stops; the thread
     // then closes the connection and no child is left behind.
     shutdown(c, SHUT_WR);

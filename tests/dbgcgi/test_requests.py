@@ -7,15 +7,13 @@ import os
 import socket
 import struct
 import subprocess
-import sys
 import tempfile
 import time
 import unittest
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, HERE)
-import dbgdev  # noqa: E402
-from dbgdev import BAD_REQUEST, header, wait_for  # noqa: E402
+import dbgdev
+from bb import wait_until
+from dbgdev import BAD_REQUEST, header
 
 SVC = None
 TMP = None
@@ -58,7 +56,7 @@ def read_until(sock, cond, seconds=30):
 
 def quiet_daemon():
     """Waits until the daemon is back to its main and monitor threads."""
-    wait_for(lambda: SVC.threads() == SVC.base_threads, "the daemon's request threads to end", 60)
+    wait_until(lambda: SVC.threads() == SVC.base_threads, "the daemon's request threads to end", 60)
 
 
 class FixedAnswers(unittest.TestCase):
@@ -162,7 +160,7 @@ class RuntimeTrace(unittest.TestCase):
     def test_client_leaving_ends_the_trace(self):
         self.trace("trace=meminfo&interval=1", lambda b: len(rtrace_records(b)) >= 2)
         quiet_daemon()
-        wait_for(lambda: not [p for p in SVC.children()], "the helpers to be reaped")
+        wait_until(lambda: not [p for p in SVC.children()], "the helpers to be reaped")
 
 
 def tshark_count(path, filt=""):
@@ -225,7 +223,7 @@ class SystemCallTrace(unittest.TestCase):
         return tracer
 
     def assert_nothing_traced(self):
-        wait_for(lambda: not SVC.stopped_or_traced(), "every process detached and running")
+        wait_until(lambda: not SVC.stopped_or_traced(), "every process detached and running")
 
     def test_pid_and_name(self):
         hearth = device_pid("hearth")
@@ -248,7 +246,7 @@ class SystemCallTrace(unittest.TestCase):
 
         def traced():
             return {SVC.argv0_name(p) for p in SVC.host_pids() if self.tracer_of(p) == "daemon"}
-        wait_for(lambda: {"hearth", "mediad", "storaged", "handoff-front"} <= traced(),
+        wait_until(lambda: {"hearth", "mediad", "storaged", "handoff-front"} <= traced(),
                  "the device's processes traced")
         self.assertNotIn("debugar.cgi", traced())
         self.assertEqual(self.tracer_of(SVC.dev.init_pid), 0, "init is left out")
@@ -262,7 +260,7 @@ class SystemCallTrace(unittest.TestCase):
         pid = int(p.stdout.readline())
         s = SVC.open_request(f"/x?cmd=strace&pid={pid}")
         data, _ = read_until(s, lambda d: b"\r\n\r\n" in d)
-        wait_for(lambda: self.tracer_of(SVC.host_pid(pid)) == "daemon", "the attach")
+        wait_until(lambda: self.tracer_of(SVC.host_pid(pid)) == "daemon", "the attach")
         p.stdin.write(b"go\n")
         p.stdin.close()
         data2, ended = read_until(s, lambda d: False, 30)
@@ -296,6 +294,8 @@ class SystemCallTrace(unittest.TestCase):
         read_until(s1, lambda d: f"[{hearth} hearth]".encode() in d)
         s2 = SVC.open_request(f"/x?cmd=strace&pid={hearth}")
         data, _ = read_until(s2, lambda d: b"\r\n\r\n" in d)
+        # Silence cannot be waited for: a trace line would come at once, so
+        # 0.7 s without one shows the second trace waiting.
         time.sleep(0.5)
         s2.settimeout(0.2)
         with self.assertRaises(socket.timeout):

@@ -28,12 +28,10 @@
 namespace {
 
 using testutil::Pipe;
-
-#define NEED_PTRACE()                                                                  \
-    do {                                                                               \
-        if (getenv("TOOLNEST_TEST_EMULATED"))                                          \
-            GTEST_SKIP() << "[qemu-user] qemu-user has no ptrace; the emulated board runs this";   \
-    } while (0)
+using testutil::state_of;
+using testutil::status_field;
+using testutil::tasks;
+using testutil::wait_until;
 
 // The build's memsnap, or the installed one on the board (which carries the
 // test tree but not the build's programs).
@@ -69,43 +67,6 @@ std::string read_line(int fd, double seconds)
     return line;
 }
 
-std::string status_field(int pid, int tid, const char *key)
-{
-    char path[96];
-    snprintf(path, sizeof path, "/proc/%d/task/%d/status", pid, tid);
-    FILE *f = fopen(path, "r");
-    if (!f)
-        return "";
-    char line[256];
-    std::string v;
-    size_t k = strlen(key);
-    while (fgets(line, sizeof line, f))
-        if (strncmp(line, key, k) == 0 && line[k] == ':') {
-            v = line + k + 1;
-            v.erase(0, v.find_first_not_of(" \t"));
-            v.erase(v.find_last_not_of(" \t\n") + 1);
-            break;
-        }
-    fclose(f);
-    return v;
-}
-
-std::vector<int> tasks(int pid)
-{
-    std::vector<int> out;
-    char path[64];
-    snprintf(path, sizeof path, "/proc/%d/task", pid);
-    DIR *d = opendir(path);
-    if (!d)
-        return out;
-    while (dirent *e = readdir(d))
-        if (e->d_name[0] != '.')
-            out.push_back(atoi(e->d_name));
-    closedir(d);
-    std::sort(out.begin(), out.end());
-    return out;
-}
-
 // The test program with known state, on two pipes.
 struct Subject {
     pid_t pid = -1;
@@ -137,17 +98,8 @@ struct Subject {
             return;
         // "ready" comes just before the main thread blocks: wait until every
         // thread sleeps in its parking read.
-        double end = now() + 30;
-        for (;;) {
-            int sleeping = 0;
-            std::vector<int> ts = tasks(pid);
-            for (int t : ts)
-                sleeping += status_field(pid, t, "State")[0] == 'S';
-            if (sleeping == 3 && ts.size() == 3)
-                break;
-            ASSERT_LT(now(), end) << "the subject's threads do not all block";
-            usleep(1000);
-        }
+        ASSERT_TRUE(testutil::wait_threads_parked(pid, 3, 30))
+            << "the subject's threads do not all block";
     }
     // Releases the threads; the rest of the output and the exit status.
     std::string finish(int *status)
@@ -178,8 +130,8 @@ void expect_released(int pid, bool stopped_before = false)
     std::vector<int> ts = tasks(pid);
     ASSERT_FALSE(ts.empty());
     for (int tid : ts) {
-        std::string tracer = status_field(pid, tid, "TracerPid");
-        std::string state = status_field(pid, tid, "State");
+        std::string tracer = status_field(pid, "TracerPid", tid);
+        std::string state = status_field(pid, "State", tid);
         // A short-lived thread may have ended since the listing.
         if (tid != pid && (tracer.empty() || state.empty()))
             continue;
@@ -188,11 +140,7 @@ void expect_released(int pid, bool stopped_before = false)
         if (stopped_before) {
             // Let go, a thread of a stopped process runs for a moment and
             // enters the group stop again.
-            double end = now() + 30;
-            while (state[0] != 'T' && now() < end) {
-                usleep(1000);
-                state = status_field(pid, tid, "State");
-            }
+            wait_until([&] { return (state = status_field(pid, "State", tid))[0] == 'T'; }, 30);
             EXPECT_EQ(state[0], 'T') << "thread " << tid << ": " << state;
         } else
             EXPECT_TRUE(state[0] != 't' && state[0] != 'T') << "thread " << tid << ": " << state;
@@ -440,9 +388,7 @@ TEST(Live, AStoppedProcessStaysStopped)
     Subject s;
     ASSERT_NO_FATAL_FAILURE(s.start());
     kill(s.pid, SIGSTOP);
-    double end = now() + 30;
-    while (status_field(s.pid, s.pid, "State")[0] != 'T' && now() < end)
-        usleep(10000);
+    wait_until([&] { return state_of(s.pid) == 'T'; }, 30);  // the stop has taken hold
     Dump d = run_dump(s.pid);
     ASSERT_TRUE(WIFEXITED(d.status));
     EXPECT_EQ(WEXITSTATUS(d.status), 0) << d.report << d.more;
@@ -518,8 +464,8 @@ int kernel_thread()
         int pid = atoi(e->d_name);
         if (pid <= 1)
             continue;
-        if (status_field(pid, pid, "Kthread") == "1" ||
-            (status_field(pid, pid, "PPid") == "2" && status_field(pid, pid, "VmSize").empty())) {
+        if (status_field(pid, "Kthread") == "1" ||
+            (status_field(pid, "PPid") == "2" && status_field(pid, "VmSize").empty())) {
             found = pid;
             break;
         }

@@ -18,10 +18,7 @@ namespace {
 
 // qemu-user shows the emulated program's own map under /proc/self/maps but
 // its own (the host's) under smaps and mem.
-bool emulated()
-{
-    return getenv("TOOLNEST_TEST_EMULATED") != nullptr;
-}
+using testutil::emulated;
 
 const char sample[] =
     "55d0a0000000-55d0a0001000 r--p 00000000 fe:01 1234                       /usr/bin/prog\n"

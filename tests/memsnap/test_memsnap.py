@@ -8,13 +8,10 @@ import shutil
 import subprocess
 import sys
 import tempfile
-import time
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "blackbox"))
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import bb  # noqa: E402
-import gdbcheck  # noqa: E402
+import bb
+import gdbcheck
 
 SUBJECT = None
 
@@ -37,13 +34,10 @@ class Subject:
         assert self.pid == self.p.pid
         # "ready" comes just before the main thread blocks: wait until every
         # thread sleeps in its parking read.
-        end = time.time() + 30
-        while not all((bb.status_field(self.pid, "State", t) or "")[:1] == "S" for t in self.tasks()):
-            assert time.time() < end, "the subject's threads do not all block"
-            time.sleep(0.001)
+        bb.wait_until(lambda: bb.threads_parked(self.pid), "the subject's threads to block", 30)
 
     def tasks(self):
-        return sorted(int(t) for t in os.listdir(f"/proc/{self.pid}/task"))
+        return bb.tasks(self.pid)
 
     def finish(self):
         out, _ = self.p.communicate(b"go\n", timeout=60)

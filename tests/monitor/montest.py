@@ -1,6 +1,6 @@
 """Shared pieces of the monitoring system tests: a pid and mount namespace of
-their own, waiting for conditions, and an independent reader of rtrace
-streams (deliberately not the shipped reader)."""
+their own, and an independent reader of rtrace streams (deliberately not the
+shipped reader)."""
 import argparse
 import os
 import struct
@@ -8,8 +8,7 @@ import subprocess
 import sys
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "blackbox"))
-import bb  # noqa: E402,F401
+import bb
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 HEADER = struct.Struct("<IIqB3s")
@@ -42,18 +41,6 @@ def probe_args(*extra):
     argv = bb.setup()
     values = [os.path.abspath(args.probe)] + [getattr(args, o.lstrip("-")) for o in extra]
     return values + [argv]
-
-
-def wait_for(cond, what, timeout=60, step=0.01):
-    """Polls cond() until it gives a true value, which is returned."""
-    deadline = time.monotonic() + timeout
-    while True:
-        v = cond()
-        if v:
-            return v
-        if time.monotonic() > deadline:
-            raise AssertionError(f"timed out waiting for {what}")
-        time.sleep(step)
 
 
 def read_file(path, mode="r"):

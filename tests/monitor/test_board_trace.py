@@ -13,8 +13,7 @@ import sys
 import tempfile
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from montest import records  # noqa: E402
+from montest import records
 
 TRACE = None
 READER = None

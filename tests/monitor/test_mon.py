@@ -8,8 +8,10 @@ import signal
 import subprocess
 import unittest
 
+import bb
+from bb import wait_until
 import montest
-from montest import Holder, bb, wait_for, read_file
+from montest import Holder, read_file
 
 REPORT = "/tmp/dbg-report.txt"
 PROBE = None
@@ -37,7 +39,7 @@ class Mon:
             r = self.report()
             m = r and re.match(r"Debug monitor status round=([0-9a-f]+)\n\n", r)
             return m and int(m.group(1), 16) >= n and int(m.group(1), 16)
-        return wait_for(done, f"report of round {n}")
+        return wait_until(done, f"report of round {n}")
 
     def more_rounds(self, n):
         """Waits until n more rounds than the one in place are done."""
@@ -49,7 +51,7 @@ class Mon:
         what it watches: its next look at /proc sees all of the change or
         none of it, never a part."""
         self.p.send_signal(signal.SIGSTOP)
-        wait_for(lambda: proc_state(self.p.pid) == "T", "mon stopped")
+        wait_until(lambda: proc_state(self.p.pid) == "T", "mon stopped")
         try:
             yield
         finally:
@@ -91,7 +93,7 @@ class MonTest(unittest.TestCase):
             self.mon.p.wait()
         for h in self.holders:
             h.stop()
-        wait_for(lambda: montest.reap_orphans() or montest.ns_pids() == [], "an empty namespace")
+        wait_until(lambda: montest.reap_orphans() or montest.ns_pids() == [], "an empty namespace")
 
     def holder(self, name):
         h = Holder(name)
@@ -105,7 +107,7 @@ class MonTest(unittest.TestCase):
     def test_idle_system_report_holds_only_the_header(self):
         mon = self.start(50000)
         mon.round_done(3)
-        r = wait_for(lambda: (lambda t: t if t and t.endswith("\n\n") else None)(mon.report()),
+        r = wait_until(lambda: (lambda t: t if t and t.endswith("\n\n") else None)(mon.report()),
                      "a complete report")
         self.assertRegex(r, r"\ADebug monitor status round=[0-9a-f]+\n\n\Z")
         rc, out, err = mon.stop()
@@ -115,12 +117,12 @@ class MonTest(unittest.TestCase):
         h = self.holder("fd2100").do("files 2100")
         mon = self.start(30_000_000)
         line = f"pid {h.pid} name fd2100 fd_score 65 [+65] sk=0\n"
-        wait_for(lambda: line in mon.stderr(), "the fd_score line")
+        wait_until(lambda: line in mon.stderr(), "the fd_score line")
         # 2103 descriptors with 0, 1 and 2; slot 4 averages it with three
         # empty slots, unsigned.
         want = "Debug monitor status round=1\n\n" + fdstats(
             h.pid, 65, [(2103, 0), (0, 0), (0, 0), (0, 0), (525, 0), (0, 0), (0, 0), (0, 0)])
-        wait_for(lambda: mon.report() == want, "the first round's report")
+        wait_until(lambda: mon.report() == want, "the first round's report")
         rc, _, err = mon.stop()
         self.assertEqual(rc, 0)
         self.assertEqual(err, line + "\nCleanup and exit.\n")
@@ -129,16 +131,16 @@ class MonTest(unittest.TestCase):
         h = self.holder("fdgrow").do("files 2100")
         mon = self.start(100_000)
         first = f"pid {h.pid} name fdgrow fd_score 65 [+65] sk=0\n"
-        wait_for(lambda: first in mon.stderr(), "the first fd_score line")
+        wait_until(lambda: first in mon.stderr(), "the first fd_score line")
         # 97 * 32 descriptors: score 97, not above 65 + 32.
         h.do(f"files {97 * 32 - 3}")
-        wait_for(lambda: f"fdstats for pid={h.pid} score=97:\n" in (mon.report() or ""),
+        wait_until(lambda: f"fdstats for pid={h.pid} score=97:\n" in (mon.report() or ""),
                  "score 97 in the report")
         mon.more_rounds(1)
         self.assertEqual(mon.stderr(), first)
         h.do(f"files {98 * 32 - 3}")
         second = f"pid {h.pid} name fdgrow fd_score 98 [+1] sk=0\n"
-        wait_for(lambda: second in mon.stderr(), "the second fd_score line")
+        wait_until(lambda: second in mon.stderr(), "the second fd_score line")
         rc, _, err = mon.stop()
         self.assertEqual(err, first + second + "\nCleanup and exit.\n")
 
@@ -152,12 +154,12 @@ class MonTest(unittest.TestCase):
         self.assertNotIn(f"pid={h.pid}", mon.report())
         # 256 sockets: score 32 is listed but not above 0 + 32.
         h.do("sockets 256")
-        wait_for(lambda: f"fdstats for pid={h.pid} score=32:\n0h nr_fd=259 nr_sock=256 nr_pipe=0\n"
+        wait_until(lambda: f"fdstats for pid={h.pid} score=32:\n0h nr_fd=259 nr_sock=256 nr_pipe=0\n"
                  in (mon.report() or ""), "score 32 in the report")
         self.assertEqual(mon.stderr(), "")
         h.do("sockets 264")
         line = f"pid {h.pid} name sock fd_score 33 [+1] sk=264\n"
-        wait_for(lambda: line in mon.stderr(), "the fd_score line at 33")
+        wait_until(lambda: line in mon.stderr(), "the fd_score line at 33")
         rc, _, err = mon.stop()
         self.assertEqual(err, line + "\nCleanup and exit.\n")
 
@@ -176,9 +178,9 @@ class MonTest(unittest.TestCase):
         with mon.frozen():
             h.do(f"children {children}")
         line = f"pid {h.pid} name {h.name} fork_score {children} [+{diff}]\n"
-        wait_for(lambda: line in mon.stderr(), f"the fork_score line at {children}")
+        wait_until(lambda: line in mon.stderr(), f"the fork_score line at {children}")
         entry = f"forkstats for pid={h.pid}: score={children} nr_childs={children}\n"
-        wait_for(lambda: entry in (mon.report() or ""), "the forkstats line")
+        wait_until(lambda: entry in (mon.report() or ""), "the forkstats line")
         return line
 
     def test_sixteen_children(self):
@@ -188,7 +190,7 @@ class MonTest(unittest.TestCase):
         line = self.fork_alert(mon, h, 16, 1)
         # The peak is now 16: 31 children say nothing, 32 do.
         h.do("children 31")
-        wait_for(lambda: "score=31 nr_childs=31\n" in (mon.report() or ""), "31 children")
+        wait_until(lambda: "score=31 nr_childs=31\n" in (mon.report() or ""), "31 children")
         self.assertEqual(mon.stderr(), line)
         line2 = self.fork_alert(mon, h, 32, 1)
         rc, _, err = mon.stop()
@@ -198,7 +200,7 @@ class MonTest(unittest.TestCase):
         # With the main thread gone, the exe link cannot be read: the
         # monitor takes the process for a kernel thread.
         h = self.holder("kthr").do("comm kthr", "leader-exit", "children 16")
-        wait_for(lambda: not os.path.exists(f"/proc/{h.pid}/exe"), "the main thread's end")
+        wait_until(lambda: not os.path.exists(f"/proc/{h.pid}/exe"), "the main thread's end")
         mon = self.start(50_000)
         self.assert_no_fork_alert(mon)
         line = self.fork_alert(mon, h, 32, 16)
@@ -209,13 +211,13 @@ class MonTest(unittest.TestCase):
         h = self.holder("fdA").do("files 2100")
         mon = self.start(100_000)
         first = f"pid {h.pid} name fdA fd_score 65 [+65] sk=0\n"
-        wait_for(lambda: first in mon.stderr(), "the first program's line")
+        wait_until(lambda: first in mon.stderr(), "the first program's line")
         # Same pid, same descriptors, another program: zero peaks again.
         h.do("exec /holders/fdB")
         second = f"pid {h.pid} name fdB fd_score 65 [+65] sk=0\n"
-        wait_for(lambda: second in mon.stderr(), "the second program's line")
+        wait_until(lambda: second in mon.stderr(), "the second program's line")
         want_tail = "1h nr_fd=2103 nr_sock=0 nr_pipe=0\n"
-        wait_for(lambda: want_tail in (mon.report() or ""), "a second sample of fdB")
+        wait_until(lambda: want_tail in (mon.report() or ""), "a second sample of fdB")
         rc, _, err = mon.stop()
         self.assertEqual(err, first + second + "\nCleanup and exit.\n")
 
@@ -226,7 +228,7 @@ class MonTest(unittest.TestCase):
             self.assertEqual(p.stderr.readline(), b"monitor thread started\n")
             path = "/var/run/dbg-cgi/dbg-monitor.txt"
             # Nothing else in this namespace: the header and an empty line.
-            wait_for(lambda: read_file(path) == "Debug monitor status round=1\n\n", "the daemon's report")
+            wait_until(lambda: read_file(path) == "Debug monitor status round=1\n\n", "the daemon's report")
             idle = []
             for tid in os.listdir(f"/proc/{p.pid}/task"):
                 out = subprocess.run(["chrt", "-p", tid], stdout=subprocess.PIPE, text=True).stdout

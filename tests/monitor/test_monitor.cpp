@@ -205,12 +205,9 @@ TEST(Monitor, ReusedPidStartsEmpty)
     std::string before = rec->name;
     c.poke();
     // The same pid under another program's name.
+    ASSERT_TRUE(testutil::wait_exec(c.pid, "/bin/sleep"));
     char name[128] = {};
-    for (int i = 0; i < 5000 && strcmp(name, "sleep") != 0; i++) {
-        usleep(1000);
-        memset(name, 0, sizeof name);
-        proc_get_pidname(c.pid, name, sizeof name);
-    }
+    proc_get_pidname(c.pid, name, sizeof name);
     ASSERT_STREQ(name, "sleep");
     monitor_run(mon);
     rec = find(mon, c.pid);

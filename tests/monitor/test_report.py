@@ -14,9 +14,10 @@ import subprocess
 import tempfile
 import unittest
 
+import bb
 import montest
 import standins
-from montest import Holder, bb, records
+from montest import Holder, records
 
 PROBE = None
 READER = None

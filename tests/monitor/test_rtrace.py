@@ -9,9 +9,11 @@ import subprocess
 import tempfile
 import unittest
 
+import bb
+from bb import wait_until
 import montest
 import standins
-from montest import bb, wait_for, records
+from montest import records
 
 PROBE = None
 
@@ -55,12 +57,12 @@ def finish(p, timeout=60):
 
 class Rtrace(unittest.TestCase):
     def tearDown(self):
-        wait_for(lambda: montest.reap_orphans() or montest.ns_pids() == [], "an empty namespace")
+        wait_until(lambda: montest.reap_orphans() or montest.ns_pids() == [], "an empty namespace")
 
     def test_per_process_records_of_a_known_process_set(self):
         sleepers = [subprocess.Popen(["sleep", "1000"]) for _ in range(3)]
         zombie = subprocess.Popen(["true"])
-        wait_for(lambda: (montest.read_file(f"/proc/{zombie.pid}/stat") or "").split()[2] == "Z",
+        wait_until(lambda: (montest.read_file(f"/proc/{zombie.pid}/stat") or "").split()[2] == "Z",
                  "a zombie")
         try:
             data, p = montest.run_rtrace(PROBE, 3, 1, lambda d: count_rounds(d) >= 2,
@@ -250,7 +252,7 @@ class Rtrace(unittest.TestCase):
                                        "-o", log.name, "-p", str(p.pid)], stderr=subprocess.DEVNULL)
             try:
                 # Three whole sleeps after the reader went away, nothing written.
-                wait_for(lambda: len(re.findall(r"nanosleep\(.*\) = 0", log.read() or "")) >= 3
+                wait_until(lambda: len(re.findall(r"nanosleep\(.*\) = 0", log.read() or "")) >= 3
                          or (log.seek(0) and False), "three sleeps", timeout=60)
                 self.assertIsNone(p.poll())
                 log.seek(0)

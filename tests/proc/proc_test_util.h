@@ -2,6 +2,8 @@
 // descriptors, and scratch directory trees.
 #pragma once
 
+#include "testutil.h"
+
 #include <gtest/gtest.h>
 
 #include <dirent.h>
@@ -21,10 +23,7 @@
 
 namespace proctest {
 
-inline bool emulated()
-{
-    return getenv("TOOLNEST_TEST_EMULATED") != nullptr;
-}
+using testutil::emulated;
 
 // A child that is killed and reaped when the test ends.
 struct Child {
@@ -47,28 +46,6 @@ struct Child {
         }
     }
 };
-
-// Waits (up to 60 s) until the process sleeps: an exec'd program is only
-// settled once its loader has finished opening and closing libraries.
-inline void wait_sleeping(pid_t pid)
-{
-    std::string path = "/proc/" + std::to_string(pid) + "/stat";
-    for (int i = 0; i < 60000; i++) {
-        char buf[512];
-        int fd = open(path.c_str(), O_RDONLY);
-        if (fd < 0)
-            return;
-        ssize_t n = read(fd, buf, sizeof buf - 1);
-        close(fd);
-        if (n <= 0)
-            return;
-        buf[n] = '\0';
-        const char *close_paren = strrchr(buf, ')');
-        if (close_paren && close_paren[1] == ' ' && close_paren[2] == 'S')
-            return;
-        usleep(1000);
-    }
-}
 
 // Starts path with argv; stdin/stdout/stderr are /dev/null (or out_fd for
 // stdout when given) and keep[i] becomes descriptor 3 + i; nothing else is
@@ -115,7 +92,7 @@ inline Child spawn(const char *path, const std::vector<std::string> &args,
         waitpid(pid, nullptr, 0);
         return Child();
     }
-    wait_sleeping(pid);
+    testutil::wait_sleeping(pid);
     return Child(pid);
 }
 

@@ -803,26 +803,14 @@ TEST(ProcMemPread, VanishedProcess)
 
 namespace {
 
-struct Member {
-    std::string name;
-    size_t size = 0;
-    std::string data;
-};
+using Member = testutil::TarMember;
 
 // Reads the members of a stream written by the tar writer (no end blocks).
 std::vector<Member> members(const std::string &tarball)
 {
-    std::vector<Member> out;
-    size_t at = 0;
-    while (at + 512 <= tarball.size()) {
-        Member m;
-        m.name = std::string(tarball.c_str() + at);
-        m.size = strtoul(tarball.substr(at + 124, 12).c_str(), nullptr, 8);
-        m.data = tarball.substr(at + 512, m.size);
-        out.push_back(m);
-        at += 512 + (m.size + 511) / 512 * 512;
-    }
-    EXPECT_EQ(at, tarball.size());
+    size_t end = 0;
+    std::vector<Member> out = testutil::tar_members(tarball, &end);
+    EXPECT_EQ(end, tarball.size());
     return out;
 }
 

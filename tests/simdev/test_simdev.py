@@ -17,11 +17,9 @@ import tempfile
 import time
 import unittest
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "blackbox"))
-sys.path.insert(0, os.path.join(HERE, "..", "support"))
-import bb  # noqa: E402
-import simdev  # noqa: E402
+import bb
+import simdev
+from bb import wait_until
 
 APPLETS = ["toolnest", "debugar.cgi", "coredump-handler", "mon", "tstrace", "pcapdump",
            "stopper", "ctest"]
@@ -35,14 +33,6 @@ HOST_PATHS = ["/run/dbg-cgi", "/var/run/dbg-cgi", "/etc/conf.d", "/etc/ws",
               "/usr/sbin/gen_sysdigest.sh", "/usr/bin/toolnest", "/usr/sbin/oopslog",
               "/dev/part", "/run/hearth.pid"]
 HOST_FILES = ["/etc/hostname", "/etc/hosts"]
-
-
-def deadline_wait(cond, what, seconds=30):
-    end = time.monotonic() + seconds
-    while not cond():
-        if time.monotonic() > end:
-            raise AssertionError("timed out waiting for " + what)
-        time.sleep(0.02)
 
 
 def host_snapshot():
@@ -287,7 +277,7 @@ class Network(Shared):
         p = self.dev.popen(["python3", "-c", server], stdout=subprocess.PIPE,
                            stderr=subprocess.PIPE)
         try:
-            deadline_wait(lambda: ":9000 " in self.run_ok(["ss", "-Htln"]), "the listener")
+            wait_until(lambda: ":9000 " in self.run_ok(["ss", "-Htln"]), "the listener")
             client = ("import socket, sys\n"
                       "s = socket.create_connection((sys.argv[1], 9000), timeout=20)\n"
                       "s.sendall(b'hello'); print(s.recv(200).decode())\n")
@@ -355,12 +345,12 @@ class Processes(Shared):
             now = self.dev.sh("pgrep -f '^/usr/bin/mediad'").stdout.split()
             return len(now) == 1 and now != [pid[0].encode()]
 
-        deadline_wait(restarted, "mediad to be started again")
+        wait_until(restarted, "mediad to be started again")
         # An orphan that ends is reaped by the device's init: no zombie stays.
         self.sh_ok("sleep 0.2 > /dev/null 2>&1 &")
-        deadline_wait(lambda: not self.dev.sh("ps -eo stat,args | grep -E '^Z|sleep 0.2' "
-                                              "| grep -v grep").stdout,
-                      "the orphan to be reaped")
+        wait_until(lambda: not self.dev.sh("ps -eo stat,args | grep -E '^Z|sleep 0.2' "
+                                           "| grep -v grep").stdout,
+                   "the orphan to be reaped")
 
     def test_thread_names(self):
         out = self.sh_ok("cat /proc/$(cat /run/hearth.pid)/task/*/comm")
@@ -399,20 +389,20 @@ class Lifecycle(unittest.TestCase):
         # A command still running and an orphan adopted by the device's init.
         p = dev.popen(["sleep", "1000"])
         dev.run(["/bin/sh", "-c", "sleep 1000 > /dev/null 2>&1 &"], check=True)
-        deadline_wait(lambda: len(pids_in("pid", f["pid"])) >= 6, "both sleeps")
+        wait_until(lambda: len(pids_in("pid", f["pid"])) >= 6, "both sleeps")
         dev.stop()
         self.assertEqual(p.wait(timeout=30), -signal.SIGTERM)
         self.assertFalse(os.path.exists(f["state"]))
-        deadline_wait(lambda: not simdev.process_alive(f["supervisor"]), "the supervisor")
+        wait_until(lambda: not simdev.process_alive(f["supervisor"]), "the supervisor")
         self.assert_gone(f)
 
     def test_killed_supervisor_takes_the_device_along(self):
         dev = simdev.Device(prefix=bb.PREFIX)
         f = self.facts(dev)
         os.kill(dev.supervisor_pid, signal.SIGKILL)
-        deadline_wait(lambda: not pids_in("pid", f["pid"]), "the device's processes")
-        deadline_wait(lambda: not loop_attached(f["loop"]), "the loop device")
-        deadline_wait(lambda: not simdev.process_alive(f["supervisor"]), "the supervisor")
+        wait_until(lambda: not pids_in("pid", f["pid"]), "the device's processes")
+        wait_until(lambda: not loop_attached(f["loop"]), "the loop device")
+        wait_until(lambda: not simdev.process_alive(f["supervisor"]), "the supervisor")
         self.assert_gone(f)
         self.assertTrue(os.path.isdir(f["state"]))
         dev.stop()   # clears the stale state directory
@@ -430,8 +420,8 @@ class Lifecycle(unittest.TestCase):
         finally:
             holder.kill()
             holder.wait()
-        deadline_wait(lambda: not os.path.exists(state), "the state directory to go")
-        deadline_wait(lambda: not pids_in("pid", ns), "the device's processes")
+        wait_until(lambda: not os.path.exists(state), "the state directory to go")
+        wait_until(lambda: not pids_in("pid", ns), "the device's processes")
         self.assertFalse(loop_attached(info["SIMDEV_LOOP"]))
 
     def device_loop(self, dev_no):
@@ -462,8 +452,8 @@ class Lifecycle(unittest.TestCase):
         p.send_signal(signal.SIGTERM)
         self.assertEqual(p.wait(timeout=30), -signal.SIGTERM)
         p.stdout.close()
-        deadline_wait(lambda: not pids_in("pid", ns), "the device's processes")
-        deadline_wait(lambda: not loop_attached(loop), "the loop device")
+        wait_until(lambda: not pids_in("pid", ns), "the device's processes")
+        wait_until(lambda: not loop_attached(loop), "the loop device")
 
     def test_root_layout(self):
         """-r takes a DESTDIR tree: its usr and etc lie over the device's."""

@@ -11,13 +11,7 @@ import subprocess
 import threading
 import time
 
-
-def deadline_wait(cond, what, seconds=30):
-    end = time.monotonic() + seconds
-    while not cond():
-        if time.monotonic() > end:
-            raise AssertionError("timed out waiting for " + what)
-        time.sleep(0.01)
+from bb import wait_until
 
 
 SYSLOG_LINE = re.compile(r"^<(\d+)>([A-Z][a-z]{2} [ 0-9]\d \d\d:\d\d:\d\d) (.*)$", re.S)
@@ -99,8 +93,8 @@ class FtpServer:
         self.proc = dev.popen(args, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                               stderr=subprocess.DEVNULL)
         try:
-            deadline_wait(lambda: listening(dev, self.port) or self.proc.poll() is not None,
-                          "the FTP server to listen")
+            wait_until(lambda: listening(dev, self.port) or self.proc.poll() is not None,
+                       "the FTP server to listen")
         except AssertionError:
             self.stop()
             raise
@@ -210,7 +204,7 @@ class CrashSocketStandIn:
 
     def wait(self, count, seconds=30):
         """received, once count connections have ended."""
-        deadline_wait(lambda: len(self.received) >= count, f"{count} crash connections", seconds)
+        wait_until(lambda: len(self.received) >= count, f"{count} crash connections", seconds)
         return self.received
 
     def close(self):

@@ -32,13 +32,11 @@
 
 namespace {
 
+using testutil::emulated;
+using testutil::state_of;
+using testutil::status_field;
+using testutil::wait_sleeping;
 using testutil::wait_until;
-
-#define NEED_PTRACE()                                                                  \
-    do {                                                                               \
-        if (getenv("TOOLNEST_TEST_EMULATED"))                                          \
-            GTEST_SKIP() << "[qemu-user] qemu-user has no ptrace; the emulated board runs this";   \
-    } while (0)
 
 int devnull()
 {
@@ -55,15 +53,6 @@ int start_traced(const char *mode, const char *arg = nullptr)
     int status;
     waitpid(pid, &status, 0);
     return pid;
-}
-
-std::string status_field(int pid, const char *field);
-
-// The state letter of /proc/PID/status ('S' sleeping, 't' traced, ...).
-char state_of(int pid)
-{
-    std::string st = status_field(pid, "State");
-    return st.empty() ? '?' : st[0];
 }
 
 // A process that is not our child (its parent exited), idle.
@@ -91,27 +80,8 @@ int start_orphan()
     read(p[0], &g, sizeof g);
     close(p[0]);
     waitpid(mid, nullptr, 0);
-    wait_until([g] { return state_of(g) == 'S'; }, 60);  // settled in its pause
+    wait_sleeping(g);  // settled in its pause
     return g;
-}
-
-std::string status_field(int pid, const char *field)
-{
-    char path[64], text[4096];
-    snprintf(path, sizeof path, "/proc/%d/status", pid);
-    int fd = open(path, O_RDONLY);
-    if (fd < 0)
-        return "";
-    ssize_t n = read(fd, text, sizeof text - 1);
-    close(fd);
-    text[n > 0 ? n : 0] = '\0';
-    const char *p = strstr(text, field);
-    if (!p)
-        return "";
-    p += strlen(field);
-    while (*p == ':' || *p == '\t' || *p == ' ')
-        p++;
-    return std::string(p, strcspn(p, "\n"));
 }
 
 struct collected {
@@ -164,7 +134,7 @@ TEST(Session, SyscallOnVanishedProcessTriesFourTimes)
     std::string out = capture_stdout([&] { r = trace_syscall(pid, 0); });
     EXPECT_EQ(r, -1);
     std::string one = std::string("SYSCALL failed ") + strerror(ESRCH) + "\n";
-    if (!getenv("TOOLNEST_TEST_EMULATED")) {
+    if (!emulated()) {
         EXPECT_EQ(out, one + one + one + one);
     } else {
         EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 4);
@@ -184,7 +154,7 @@ TEST(Session, SetoptionsFailureNamesContinue)
     std::string out = capture_stdout([&] { r = trace_setoptions(getppid(), 1); });
     EXPECT_EQ(r, -1);
     EXPECT_EQ(out.rfind("PTRACE_CONT failed ", 0), 0u) << out;
-    if (!getenv("TOOLNEST_TEST_EMULATED")) {
+    if (!emulated()) {
         EXPECT_EQ(out, std::string("PTRACE_CONT failed ") + strerror(ESRCH) + "\n");
     }
 }
@@ -202,7 +172,7 @@ TEST(Session, AttachStopsAndDetachReleases)
     trace_detach(pid);
     EXPECT_EQ(status_field(pid, "TracerPid"), "0");
     // Released, it goes back to its pause.
-    EXPECT_TRUE(wait_until([pid] { return state_of(pid) == 'S'; }, 60)) << state_of(pid);
+    EXPECT_TRUE(wait_sleeping(pid)) << state_of(pid);
     kill(pid, SIGKILL);
 }
 
@@ -309,7 +279,7 @@ TEST(Tracer, TimerEndsTraceOfIdleProcess)
     EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(1000));
     EXPECT_EQ(pids[0], pid);
     EXPECT_EQ(status_field(pid, "TracerPid"), "0");
-    EXPECT_TRUE(wait_until([pid] { return state_of(pid) == 'S'; }, 60)) << state_of(pid);
+    EXPECT_TRUE(wait_sleeping(pid)) << state_of(pid);
     // The listing at the end.
     EXPECT_TRUE(has(c.text, " open fds:\n")) << c.text;
     kill(pid, SIGKILL);

@@ -6,12 +6,10 @@ import re
 import signal
 import subprocess
 import sys
-import time
 import unittest
 
-import_dir = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "blackbox")
-sys.path.insert(0, import_dir)
-import bb  # noqa: E402
+import bb
+from bb import wait_until
 
 HELPER = None
 
@@ -33,15 +31,6 @@ def live(test):
 
 
 status_field = bb.status_field
-
-
-def wait_for(cond, timeout=60):
-    end = time.time() + timeout
-    while time.time() < end:
-        if cond():
-            return True
-        time.sleep(0.02)
-    return False
 
 
 def unaddress(text):
@@ -100,7 +89,7 @@ class Tstrace(unittest.TestCase):
                              stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         t = subprocess.Popen(bb.command(bb.path("bin/tstrace"), "-p", str(h.pid), "ls"),
                              stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        self.assertTrue(wait_for(lambda: status_field(h.pid, "TracerPid") == str(t.pid)))
+        wait_until(lambda: status_field(h.pid, "TracerPid") == str(t.pid), "tstrace attached")
         h.stdin.write(b"g")
         h.stdin.close()
         out, err = t.communicate(timeout=30)
@@ -123,7 +112,7 @@ class Tstrace(unittest.TestCase):
             # A trailing -p without a pid ends the scan.
             t = subprocess.Popen(bb.command(bb.path("bin/tstrace"), "-p", hex(h.pid), "-p"),
                                  stdout=subprocess.PIPE)
-            self.assertTrue(wait_for(lambda: status_field(h.pid, "TracerPid") == str(t.pid)))
+            wait_until(lambda: status_field(h.pid, "TracerPid") == str(t.pid), "tstrace attached")
             t.send_signal(signal.SIGINT)
             t.communicate(timeout=30)
             self.assertEqual(t.returncode, 0)
@@ -150,14 +139,14 @@ class Tstrace(unittest.TestCase):
         try:
             t = subprocess.Popen(bb.command(bb.path("bin/tstrace"), "-p", str(h.pid)),
                                  stdout=subprocess.PIPE)
-            self.assertTrue(wait_for(lambda: status_field(h.pid, "TracerPid") == str(t.pid)))
+            wait_until(lambda: status_field(h.pid, "TracerPid") == str(t.pid), "tstrace attached")
             # Attached and resumed: back in its pause.
-            self.assertTrue(wait_for(lambda: (status_field(h.pid, "State") or "?")[0] == "S"))
+            wait_until(lambda: (status_field(h.pid, "State") or "?")[0] == "S", "the helper back in its pause")
             t.send_signal(signal.SIGINT)
             t.communicate(timeout=30)
             self.assertEqual(t.returncode, 0)
             self.assertEqual(status_field(h.pid, "TracerPid"), "0")
-            self.assertTrue(wait_for(lambda: status_field(h.pid, "State")[0] == "S"))
+            wait_until(lambda: status_field(h.pid, "State")[0] == "S", "the helper back in its pause")
             self.assertIsNone(h.poll())
         finally:
             h.kill()
@@ -167,10 +156,10 @@ class Tstrace(unittest.TestCase):
     def test_ctrl_c_interrupts_started_command(self):
         t = subprocess.Popen(bb.command(bb.path("bin/tstrace"), "trace_helper", "idle"),
                              env=helper_env(), stdout=subprocess.PIPE)
-        self.assertTrue(wait_for(lambda: bb.children(t.pid)))
+        wait_until(lambda: bb.children(t.pid), "the started command")
         child = bb.children(t.pid)[0]
         # Traced and run up to its pause.
-        self.assertTrue(wait_for(lambda: (status_field(child, "State") or "?")[0] == "S"))
+        wait_until(lambda: (status_field(child, "State") or "?")[0] == "S", "the command in its pause")
         t.send_signal(signal.SIGINT)
         out, _ = t.communicate(timeout=30)
         self.assertEqual(t.returncode, 0)
@@ -183,7 +172,7 @@ class Stopper(unittest.TestCase):
     def test_holds_process_at_exit(self):
         s = subprocess.Popen(bb.command(bb.path("bin/stopper"), "trace_helper", "exit1"),
                              env=helper_env(), stdout=subprocess.PIPE)
-        self.assertTrue(wait_for(lambda: bb.children(s.pid)))
+        wait_until(lambda: bb.children(s.pid), "the started command")
         child = bb.children(s.pid)[0]
         lines = [s.stdout.readline(), s.stdout.readline()]
         self.assertEqual(lines, [b"stopper: Trapped pid=%d exit code 1\n" % child,

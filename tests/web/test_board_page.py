@@ -12,15 +12,20 @@ import socket
 import subprocess
 import sys
 import tempfile
-import time
 import unittest
 
+from bb import wait_until
+from browser import Browser, archive_members
+
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, HERE)
-from browser import Browser, archive_members  # noqa: E402
 
 REPO = os.path.normpath(os.path.join(HERE, "..", ".."))
 ARGS = None
+
+
+def read(path):
+    with open(path, "rb") as f:
+        return f.read()
 
 
 def free_port():
@@ -42,12 +47,15 @@ class BoardPage(unittest.TestCase):
                                     env=env, start_new_session=True, stdin=subprocess.PIPE,
                                     stdout=cls.console)
         try:
-            end = time.monotonic() + 300
-            while subprocess.run(["curl", "-sf", "-o", "/dev/null", "-m", "5", cls.base]).returncode != 0:
-                if cls.qemu.poll() is not None or time.monotonic() > end:
-                    raise AssertionError("the board's web server did not come up; console: " +
+            def up():
+                if cls.qemu.poll() is not None:
+                    raise AssertionError("the board ended; console: " +
                                          os.path.join(ARGS.build, "emu", "console.log"))
-                time.sleep(1)
+                return subprocess.run(["curl", "-sf", "-o", "/dev/null", "-m", "5",
+                                       cls.base]).returncode == 0
+            # The board boots its kernel under full emulation first: minutes.
+            wait_until(up, "the board's web server; console: " +
+                       os.path.join(ARGS.build, "emu", "console.log"), 300, step=1)
             cls.b = Browser(ARGS.node_dir)
         except BaseException:
             cls.stop_board()
@@ -71,14 +79,9 @@ class BoardPage(unittest.TestCase):
             line += f"; echo TN-TYPED-$((0+{n}))"
         self.qemu.stdin.write(line.encode() + b"\n")
         self.qemu.stdin.flush()
-        end = time.monotonic() + 120
-        while wait:
-            with open(self.console.name, "rb") as f:
-                if f"TN-TYPED-{n}".encode() in f.read():
-                    return
-            if time.monotonic() > end:
-                raise AssertionError("the board's console did not run: " + line)
-            time.sleep(0.2)
+        if wait:
+            wait_until(lambda: f"TN-TYPED-{n}".encode() in read(self.console.name),
+                       "the board's console to run: " + line, 120, step=0.2)
 
     @classmethod
     def tearDownClass(cls):

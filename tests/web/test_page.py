@@ -6,19 +6,15 @@ import argparse
 import os
 import shutil
 import subprocess
-import sys
 import tarfile
 import tempfile
 import time
 import unittest
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "blackbox"))
-sys.path.insert(0, os.path.join(HERE, "..", "support"))
-sys.path.insert(0, HERE)
-import bb  # noqa: E402
-import simdev  # noqa: E402
-from browser import Browser, archive_members  # noqa: E402
+import bb
+from bb import wait_until
+import simdev
+from browser import Browser, archive_members
 
 NODE_DIR = None
 ARTIFACTS = None
@@ -50,17 +46,6 @@ for k, v in out.items():
 """
 
 
-def wait_until(what, fn, timeout=30.0):
-    end = time.monotonic() + timeout
-    while True:
-        v = fn()
-        if v:
-            return v
-        if time.monotonic() > end:
-            raise AssertionError("timed out waiting for " + what)
-        time.sleep(0.1)
-
-
 class DebugPage(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -68,14 +53,16 @@ class DebugPage(unittest.TestCase):
         cls.dev = dev = simdev.Device(prefix=bb.PREFIX)
         try:
             dev.run(["debugar.cgi"], check=True)
-            wait_until("the service's socket", lambda: dev.run(
-                ["test", "-S", "/var/run/dbg-cgi/ctrl-cgi-socket"]).returncode == 0)
+            wait_until(lambda: dev.run(
+                ["test", "-S", "/var/run/dbg-cgi/ctrl-cgi-socket"]).returncode == 0,
+                "the service's socket", step=0.1)
             # mini_httpd keeps its standard error when it detaches
             dev.sh("mini_httpd -C /usr/share/toolnest/mini_httpd.conf </dev/null >/dev/null "
                    "2>>/var/log/mini_httpd.err", check=True)
             cls.base = f"http://{dev.ip4}/"
-            wait_until("the web server", lambda: dev.peer_run(
-                ["curl", "-sf", "-o", "/dev/null", "-m", "2", cls.base]).returncode == 0)
+            wait_until(lambda: dev.peer_run(
+                ["curl", "-sf", "-o", "/dev/null", "-m", "2", cls.base]).returncode == 0,
+                "the web server", step=0.1)
             cls.b = Browser(NODE_DIR, prefix=dev.peer_command([]))
         except BaseException:
             dev.stop()
@@ -141,9 +128,9 @@ class DebugPage(unittest.TestCase):
         self.b.click(sel="#strace-stop")
         self.b.wait_text(sel="#strace-status", text="Trace stopped")
         # the traced process is let go and keeps running
-        wait_until("hearth untraced", lambda: self.tracer_of(pid) == 0)
+        wait_until(lambda: self.tracer_of(pid) == 0, "hearth untraced", step=0.1)
         ticks = self.ctxt(pid)
-        wait_until("hearth working", lambda: self.ctxt(pid) > ticks + 5)
+        wait_until(lambda: self.ctxt(pid) > ticks + 5, "hearth working", step=0.1)
         self.assertNotIn(self.state(pid), ("t", "T", "Z", "X"))
 
     def tracer_of(self, pid):
@@ -239,7 +226,7 @@ class DebugPage(unittest.TestCase):
         self.b.wait_text(sel="#archive-status", text="Making the debug archive")
         # The connection is the service's own socket: no process of the web
         # server holds it, so a web server stopped by the tracer cannot stall it.
-        holders = wait_until("the download's connection", lambda: self.holders("debugar.cgi"))
+        holders = wait_until(lambda: self.holders("debugar.cgi"), "the download's connection", step=0.1)
         for names in holders.values():
             self.assertEqual(names, {"debugar.cgi"})
         # a second archive meanwhile is refused in words
@@ -275,7 +262,7 @@ class DebugPage(unittest.TestCase):
         self.b.expect_download(name="crash", timeout=60000)
         self.b.click(sel="#listen-start")
         self.b.wait_text(sel="#listen-status", text="Waiting for a process to crash")
-        wait_until("the listener", lambda: self.holders("debugar.cgi"))
+        wait_until(lambda: self.holders("debugar.cgi"), "the listener", step=0.1)
         self.b.scroll(sel="#listen")
         self.shot("listen.png", full=False)
         # The kernel's part: a core piped into the handler.  The core pattern

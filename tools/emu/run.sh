@@ -150,7 +150,7 @@ hostlog="$out/host.log"
 if [ -n "$done_line" ]; then
     for h in "$src"/tests/target/host/*; do
         [ -x "$h" ] || continue
-        "$h" "$export_dir" "$build" "$sysroot" >> "$hostlog" 2>&1 ||
+        PYTHONPATH="$src/tests/support" "$h" "$export_dir" "$build" "$sysroot" >> "$hostlog" 2>&1 ||
             echo "TN-RESULT FAIL host:$(basename "$h") (exit status $?)" >> "$hostlog"
     done
     sed -n 's/^TN-RESULT //p' "$hostlog" >> "$results"

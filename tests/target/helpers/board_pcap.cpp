@@ -30,7 +30,7 @@ static int send_udp(const char *host, int port, int count)
     memset(payload, 'u', sizeof payload);
     for (int i = 0; i < count; i++) {
         sendto(fd, payload, sizeof payload, 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
-        usleep(2000);
+        usleep(2000);  // paced, so that no datagram is dropped before the capture
     }
     close(fd);
     return 0;

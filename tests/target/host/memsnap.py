@@ -10,9 +10,7 @@ import os
 import shutil
 import sys
 
-here = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(here, "..", "..", "memsnap"))
-import gdbcheck  # noqa: E402
+import gdbcheck
 
 NAME = "host:memsnap:gdb-multiarch-opens-the-board-core"
 

@@ -30,11 +30,10 @@ import threading
 import time
 import unittest
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "support"))
-sys.path.insert(0, os.path.join(HERE, "..", "monitor"))
-import simdev  # noqa: E402
-import standins  # noqa: E402
+import bb
+import simdev
+import standins
+from bb import wait_until
 
 CLONE_NEWNET = 0x40000000
 PORT = 8080
@@ -65,18 +64,6 @@ def header(content_type, filename):
 # Stand-ins for the helper programs of rtrace: each says how it was started,
 # then prints a line now and then until it is stopped.
 STANDINS = ("iostat", "pidstat", "signalpost")
-
-
-def wait_for(cond, what, seconds=30, step=0.02):
-    """Polls cond() until it returns something true; that value."""
-    end = time.monotonic() + seconds
-    while True:
-        v = cond()
-        if v:
-            return v
-        if time.monotonic() > end:
-            raise AssertionError("timed out waiting for " + what)
-        time.sleep(step)
 
 
 class NetNS:
@@ -322,10 +309,12 @@ class DebugService:
                 except (OSError, KeyError):
                     pass
             return None
-        self.pid = wait_for(found, "the daemon")
+        self.pid = wait_until(found, "the daemon")
         self.device_daemon_pid = self.device_pid(self.pid)
-        wait_for(lambda: len(self.sockets()) >= 2, "the daemon's control sockets")
-        # Its own threads (main, monitor, and a sanitizer's), once settled.
+        wait_until(lambda: len(self.sockets()) >= 2, "the daemon's control sockets")
+        # Its own threads (main, monitor, and a sanitizer's), once settled: a
+        # sanitizer starts its thread at a time of its own, so two equal
+        # counts 0.1 s apart count as settled.
         last = None
         while True:
             n = self.threads()
@@ -358,7 +347,7 @@ class DebugService:
                 os.kill(pid, signal.SIGKILL)
             except ProcessLookupError:
                 return
-            wait_for(lambda: not simdev.process_alive(pid), "the daemon to end")
+            wait_until(lambda: not simdev.process_alive(pid), "the daemon to end")
 
     def fds(self):
         """The daemon's descriptors: {number: link text}."""
@@ -381,14 +370,7 @@ class DebugService:
         return int(proc_status(self.pid)["VmRSS"].split()[0])
 
     def children(self):
-        out = []
-        for tid in os.listdir(f"/proc/{self.pid}/task"):
-            try:
-                with open(f"/proc/{self.pid}/task/{tid}/children") as f:
-                    out += [int(x) for x in f.read().split()]
-            except OSError:
-                pass
-        return out
+        return bb.children(self.pid)
 
     def stats(self):
         return {"fds": len(self.fds()), "threads": self.threads(), "rss_kib": self.rss_kib(),
@@ -496,7 +478,7 @@ class DebugService:
     def listener_count_wait(self, before):
         """Waits until the daemon holds one more TCP connection than before
         (a registered listener)."""
-        wait_for(lambda: len(self.tcp_connections()) > before, "the daemon to hold the listener")
+        wait_until(lambda: len(self.tcp_connections()) > before, "the daemon to hold the listener")
 
 
 # ---- test programs ----

@@ -1,10 +1,12 @@
-"""Shared helpers of the black-box tests: run the installed toolbox, natively
-or under the cross target's emulator."""
+"""Shared helpers of the system tests: run the installed toolbox, natively
+or under the cross target's emulator; wait for a state; look at processes
+through /proc."""
 import argparse
 import os
 import shlex
 import subprocess
 import sys
+import time
 import unittest
 
 PREFIX = None
@@ -37,6 +39,21 @@ def run(program, *args, timeout=60, **kw):
     return subprocess.run(command(program, *args), timeout=timeout, close_fds=True, **kw)
 
 
+def wait_until(cond, what, timeout=60, step=0.01):
+    """Polls cond() until it gives a true value, which is returned; fails
+    naming what after timeout seconds.  The deadline only ends a wait for a
+    state that never comes: it is generous, since a loaded machine running
+    sanitizers must never make a correct program miss it."""
+    deadline = time.monotonic() + timeout
+    while True:
+        v = cond()
+        if v:
+            return v
+        if time.monotonic() > deadline:
+            raise AssertionError(f"timed out waiting for {what}")
+        time.sleep(step)
+
+
 def status_field(pid, name, tid=None):
     """A field of /proc/PID/status (of thread TID when given), or None."""
     path = f"/proc/{pid}/task/{tid}/status" if tid else f"/proc/{pid}/status"
@@ -51,14 +68,29 @@ def status_field(pid, name, tid=None):
 
 
 def children(pid):
+    """The children of every thread of pid (none once it has gone)."""
     out = []
-    try:
-        for tid in os.listdir(f"/proc/{pid}/task"):
+    for tid in tasks(pid):
+        try:
             with open(f"/proc/{pid}/task/{tid}/children") as f:
                 out += [int(x) for x in f.read().split()]
-    except OSError:
-        pass
+        except OSError:
+            pass  # a thread that ended meanwhile
     return out
+
+
+def tasks(pid):
+    """The thread ids of pid, sorted (none once it has gone)."""
+    try:
+        return sorted(int(t) for t in os.listdir(f"/proc/{pid}/task"))
+    except OSError:
+        return []
+
+
+def threads_parked(pid):
+    """Whether pid exists and every thread of it sleeps (blocked in a call)."""
+    ts = tasks(pid)
+    return bool(ts) and all((status_field(pid, "State", t) or "")[:1] == "S" for t in ts)
 
 
 def pid_ns(pid):
