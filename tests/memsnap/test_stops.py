@@ -11,8 +11,7 @@ import tempfile
 import time
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "blackbox"))
-import bb  # noqa: E402
+import bb
 
 SUBJECT = None
 # memsnap's own limits: 2 s for the threads to stop, 30 s for a reader that
@@ -22,21 +21,8 @@ HANG_GUARD = 60
 
 
 def thread_state(pid, tid):
-    try:
-        with open(f"/proc/{pid}/task/{tid}/stat") as f:
-            stat = f.read()
-    except OSError:
-        return None
-    return stat[stat.rfind(")") + 2]
-
-
-def wait_state(pid, tid, want):
-    """Waits (hang-guarded) until the thread's state letter is want."""
-    end = time.monotonic() + HANG_GUARD
-    while thread_state(pid, tid) != want:
-        assert time.monotonic() < end, f"thread {tid} never reached state {want}"
-        # Polls the kernel's view of the thread, a state, not a time.
-        time.sleep(0.001)
+    state = bb.status_field(pid, "State", tid)
+    return state[:1] if state else None
 
 
 class Stops(unittest.TestCase):
@@ -89,7 +75,7 @@ class Stops(unittest.TestCase):
     def test_a_thread_in_vfork_is_left_out(self):
         p, ready = self.start("vfork")
         held = int(ready[2])
-        wait_state(p.pid, held, "D")
+        bb.wait_until(lambda: thread_state(p.pid, held) == "D", "the vforking thread to wait", HANG_GUARD)
         core = os.path.join(self.tmp, "core")
         r = bb.run(self.memsnap, "-c", core, str(p.pid), timeout=HANG_GUARD)
         err = r.stderr.decode()
