@@ -15,6 +15,18 @@ int safe_write(int fd, const void *buf, unsigned len);
 // Returns the bytes written, or -1 when the reader of out went away (EPIPE).
 int safe_copyfd(int in, int out);
 
+// How long a peer may accept no byte of what we have for it before we give
+// up on it: a browser, a listener or a dumper's reader that stops reading
+// must never hold the device (its processes stopped or traced) for longer.
+constexpr int stall_limit_ms = 30 * 1000;
+
+// Writes all len bytes like safe_write, but gives up when the descriptor
+// accepts no byte for limit_ms: -1 with errno ETIMEDOUT.  Any progress
+// restarts the clock, so a slow but moving reader is never cut.  The
+// descriptor's flags are left alone (its file may be shared with another
+// process).  Returns len or -1 (errno set).
+int safe_write_within(int fd, const void *buf, unsigned len, int limit_ms);
+
 // Writes count bytes of blank text lines (79 spaces and a newline each).
 void pad_ascii(int fd, int count);
 

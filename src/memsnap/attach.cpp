@@ -1,7 +1,9 @@
 // Stopping and releasing the threads of a process, and reading their
 // registers.  PTRACE_SEIZE does not stop a thread and PTRACE_INTERRUPT stops
-// it without a signal, so the process sees nothing of the dump: no SIGSTOP,
-// no EINTR from its blocking calls.
+// it without a signal, so the process sees no SIGSTOP; most blocking calls
+// resume unseen, though a few the kernel does not restart (epoll_wait)
+// return EINTR, as after any debugger's attach.  Stopping has a deadline: a
+// thread that cannot stop is left out rather than waited for.
 #include "memsnap.h"
 
 #include <dirent.h>
@@ -10,7 +12,10 @@
 #include <stdio.h>
 #include <sys/ptrace.h>
 #include <sys/uio.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <elf.h>
@@ -61,31 +66,109 @@ int thread_group(int pid)
     return tgid;
 }
 
-// Waits for the stop of a seized and interrupted thread.
-void wait_stop(snap_thread *t)
+long long now_ms()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// Records one wait result against its thread.
+void note_status(snap_threads *ts, pid_t tid, int status)
+{
+    snap_thread *t = find(ts, tid);
+    if (!t)
+        return;
+    if (WIFEXITED(status) || WIFSIGNALED(status)) {
+        t->state = SNAP_GONE;
+        return;
+    }
+    if (WIFSTOPPED(status) && t->state == SNAP_SEIZED) {
+        // A signal-delivery stop came before the interrupt: the signal is
+        // handed back at detach so the process still gets it.
+        if (status >> 16 == 0)
+            t->resume_sig = WSTOPSIG(status);
+        t->state = SNAP_STOPPED;
+    }
+}
+
+// Takes every wait result there is now, of any traced thread.  Waiting for
+// one thread by its id could wait for ever: an exited leader is not reported
+// while its exited siblings are unreaped.
+void take_statuses(snap_threads *ts)
 {
     for (;;) {
         int status;
-        pid_t r = waitpid(t->tid, &status, __WALL);
-        if (r == -1) {
-            if (errno == EINTR)
-                continue;
-            t->state = SNAP_GONE;
+        pid_t r = waitpid(-1, &status, __WALL | WNOHANG);
+        if (r == -1 && errno == EINTR)
+            continue;
+        if (r <= 0) {
+            if (r == -1)
+                // No tracee is left: every thread we still wait for is gone.
+                for (int i = 0; i < ts->t.n; i++)
+                    if (ts->t[i].state == SNAP_SEIZED)
+                        ts->t[i].state = SNAP_GONE;
             return;
         }
-        if (WIFEXITED(status) || WIFSIGNALED(status)) {
-            t->state = SNAP_GONE;
-            return;
-        }
-        if (WIFSTOPPED(status)) {
-            // A signal-delivery stop came before the interrupt: the signal is
-            // handed back at detach so the process still gets it.
-            if (status >> 16 == 0)
-                t->resume_sig = WSTOPSIG(status);
-            t->state = SNAP_STOPPED;
-            return;
-        }
+        note_status(ts, r, status);
     }
+}
+
+bool any_seized(const snap_threads *ts)
+{
+    for (int i = 0; i < ts->t.n; i++)
+        if (ts->t[i].state == SNAP_SEIZED)
+            return true;
+    return false;
+}
+
+// Waits until every seized thread has stopped or gone, or until the deadline
+// (monotonic milliseconds).  Stops and exits of tracees raise SIGCHLD, which
+// is blocked here and taken with a time limit.
+void wait_stops(snap_threads *ts, long long deadline)
+{
+    sigset_t chld;
+    sigemptyset(&chld);
+    sigaddset(&chld, SIGCHLD);
+    sigset_t old;
+    pthread_sigmask(SIG_BLOCK, &chld, &old);
+    for (;;) {
+        // A SIGCHLD pending from before is taken first, so none is missed
+        // between the look below and the wait.
+        timespec zero = {0, 0};
+        while (sigtimedwait(&chld, nullptr, &zero) == SIGCHLD) {
+        }
+        take_statuses(ts);
+        long long left = deadline - now_ms();
+        if (!any_seized(ts) || left <= 0)
+            break;
+        timespec ts_left = {static_cast<time_t>(left / 1000), static_cast<long>(left % 1000) * 1000000};
+        sigtimedwait(&chld, nullptr, &ts_left);
+    }
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+}
+
+// "state R wchan do_wait" of a thread, for the note on a thread left out.
+void describe_thread(int tgid, int tid, char *out, size_t size)
+{
+    char path[80], stat[512] = "", wchan[128] = "";
+    snprintf(path, sizeof path, "/proc/%d/task/%d/stat", tgid, tid);
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        ssize_t n = read(fd, stat, sizeof stat - 1);
+        stat[n > 0 ? n : 0] = 0;
+        close(fd);
+    }
+    snprintf(path, sizeof path, "/proc/%d/task/%d/wchan", tgid, tid);
+    fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        ssize_t n = read(fd, wchan, sizeof wchan - 1);
+        wchan[n > 0 ? n : 0] = 0;
+        close(fd);
+    }
+    const char *p = strrchr(stat, ')');
+    char state = p && p[1] == ' ' ? p[2] : '?';
+    snprintf(out, size, "state %c wchan %s", state, *wchan ? wchan : "?");
 }
 
 } // namespace
@@ -99,6 +182,7 @@ int snap_stop_all(snap_threads *ts, int pid)
 
     char taskdir[64];
     snprintf(taskdir, sizeof taskdir, "/proc/%d/task", tgid);
+    long long deadline = now_ms() + SNAP_STOP_DEADLINE_MS;
     // A thread can start another only while it runs; once a whole scan finds
     // nothing new, every thread is held.
     for (;;) {
@@ -126,16 +210,29 @@ int snap_stop_all(snap_threads *ts, int pid)
                 t->state = SNAP_GONE;
         }
         closedir(d);
-        for (int i = first_new; i < ts->t.n; i++)
-            if (ts->t[i].state == SNAP_SEIZED)
-                wait_stop(&ts->t[i]);
+        wait_stops(ts, deadline);
         if (err)
             return snap_fail("cannot attach to process %d: %s", pid, strerror(err));
         if (ts->t.n == first_new)
             break;
     }
-    if (snap_live_tid(ts, pid) < 0)
+    // Threads that did not stop in time (uninterruptible sleep, a frozen
+    // cgroup, a vfork parent) are left out; the rest is dumped.
+    for (int i = 0; i < ts->t.n; i++)
+        if (ts->t[i].state == SNAP_SEIZED) {
+            char what[160];
+            describe_thread(tgid, ts->t[i].tid, what, sizeof what);
+            int n = snprintf(ts->late_note + ts->late_len, sizeof ts->late_note - ts->late_len,
+                             "memsnap: thread %d did not stop within %d ms, left out: %s\n",
+                             ts->t[i].tid, SNAP_STOP_DEADLINE_MS, what);
+            if (n > 0 && ts->late_len + n < static_cast<int>(sizeof ts->late_note))
+                ts->late_len += n;
+        }
+    if (snap_live_tid(ts, pid) < 0) {
+        if (any_seized(ts))
+            return snap_fail("process %d: no thread stopped within %d ms", pid, SNAP_STOP_DEADLINE_MS);
         return snap_fail("process %d: %s", pid, strerror(ESRCH));
+    }
     return 0;
 }
 
@@ -205,20 +302,17 @@ int snap_read_regs(snap_threads *ts)
 
 void snap_threads::detach()
 {
+    // A thread whose stop came late is taken now and let go like the rest;
+    // one still not stopped is let go by the kernel when this program ends
+    // (the pending interrupt goes with the trace link), never waited for.
+    if (any_seized(this))
+        take_statuses(this);
     for (int i = 0; i < t.n; i++) {
         snap_thread &th = t[i];
         if (th.state == SNAP_STOPPED)
             ptrace(PTRACE_DETACH, th.tid, 0L, reinterpret_cast<void *>(static_cast<uintptr_t>(th.resume_sig)));
-        else if (th.state == SNAP_SEIZED)
-            // Seized but its stop never came: detaching a running tracee
-            // fails, so interrupt, wait and let go.
-            if (ptrace(PTRACE_INTERRUPT, th.tid, 0L, 0L) == 0) {
-                wait_stop(&th);
-                if (th.state == SNAP_STOPPED)
-                    ptrace(PTRACE_DETACH, th.tid, 0L,
-                           reinterpret_cast<void *>(static_cast<uintptr_t>(th.resume_sig)));
-            }
-        th.state = SNAP_GONE;
+        if (th.state != SNAP_SEIZED)
+            th.state = SNAP_GONE;
     }
 }
 

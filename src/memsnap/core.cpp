@@ -71,6 +71,28 @@ unsigned long long status_value(const char *text, const char *key, int base)
     return strtoull(p + strlen(key), nullptr, base);
 }
 
+} // namespace
+
+unsigned long snap_sigmask_low(const char *hex)
+{
+    while (*hex == ' ' || *hex == '\t')
+        hex++;
+    size_t n = strspn(hex, "0123456789abcdefABCDEF");
+    // The mask may be wider than a word (128 signals on MIPS: 32 digits);
+    // the note keeps the low word, the last digits.
+    size_t keep = 2 * sizeof(unsigned long);
+    const char *p = n > keep ? hex + n - keep : hex;
+    unsigned long v = 0;
+    for (; p < hex + n; p++) {
+        int c = *p;
+        int d = c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10;
+        v = v << 4 | static_cast<unsigned long>(d);
+    }
+    return v;
+}
+
+namespace {
+
 enum { F_STATE = 0, F_PPID = 1, F_PGRP = 2, F_SID = 3, F_FLAGS = 6, F_UTIME = 11, F_STIME = 12,
        F_CUTIME = 13, F_CSTIME = 14, F_NICE = 16, F_COUNT = 17 };
 
@@ -110,8 +132,10 @@ void thread_notes(const snap_proc *p, const snap_thread &t, const unsigned long 
     snprintf(path, sizeof path, "/proc/%d/task/%d/status", p->tgid, t.tid);
     char text[4096];
     if (read_small(path, text, sizeof text) > 0) {
-        st.pr_sigpend = static_cast<unsigned long>(status_value(text, "\nSigPnd:", 16));
-        st.pr_sighold = static_cast<unsigned long>(status_value(text, "\nSigBlk:", 16));
+        const char *pnd = strstr(text, "\nSigPnd:");
+        const char *blk = strstr(text, "\nSigBlk:");
+        st.pr_sigpend = pnd ? snap_sigmask_low(pnd + 8) : 0;
+        st.pr_sighold = blk ? snap_sigmask_low(blk + 8) : 0;
     }
     unsigned long long ts[F_COUNT] = {};
     snprintf(path, sizeof path, "/proc/%d/task/%d/stat", p->tgid, t.tid);
@@ -244,7 +268,7 @@ private:
         size_t n = used_;
         used_ = 0;
         if (!threaded_) {
-            if (n && !failed_ && safe_write(fd_, ring_buf[head_], static_cast<unsigned>(n)) < 0)
+            if (n && !failed_ && safe_write_within(fd_, ring_buf[head_], static_cast<unsigned>(n), stall_limit_ms) < 0)
                 failed_ = errno;
             else if (!failed_)
                 written_ += n;
@@ -283,7 +307,7 @@ private:
             pthread_mutex_unlock(&mu_);
             // After a failure the rest is dropped, so the filler never waits.
             int e = 0;
-            if (!skip && safe_write(fd_, ring_buf[i], static_cast<unsigned>(n)) < 0)
+            if (!skip && safe_write_within(fd_, ring_buf[i], static_cast<unsigned>(n), stall_limit_ms) < 0)
                 e = errno;
             pthread_mutex_lock(&mu_);
             if (e)

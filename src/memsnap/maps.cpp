@@ -164,6 +164,11 @@ int snap_vma_dump_kind(const snap_vma &m, const char *name, unsigned filter)
         return SNAP_DUMP_NONE;
     if (filter & SNAP_FILTER_MAPPED_PRIVATE)
         return SNAP_DUMP_WHOLE;
+    // A deleted file's contents are nowhere else any more (a program or
+    // library replaced while it runs): its readable mappings go in whole,
+    // as anonymous memory would.
+    if (ends(name, " (deleted)") && (m.prot & PF_R) && (filter & SNAP_FILTER_ANON_PRIVATE))
+        return SNAP_DUMP_WHOLE;
     // Unchanged file contents are in the files themselves; the first page of
     // an ELF file goes in so that a debugger can match the files by build id.
     if ((filter & SNAP_FILTER_ELF_HEADERS) && m.offset == 0 && (m.prot & PF_R))

@@ -115,10 +115,21 @@ struct snap_thread {
 };
 enum { SNAP_SEIZED = 1, SNAP_STOPPED, SNAP_GONE };
 
+// The low word of a signal mask as /proc/PID/status shows it in hex
+// ("SigBlk:\t0000...0001"); wider masks than a word keep their last digits.
+unsigned long snap_sigmask_low(const char *hex);
+
+// How long the threads of a process may take to stop, all together; one
+// that has not stopped by then is left out of the core.
+enum { SNAP_STOP_DEADLINE_MS = 2000 };
+
 // Every thread of one process, stopped.  The destructor detaches them all.
 struct snap_threads {
     int tgid = 0;
     snap_vec<snap_thread> t;
+    // One line per thread left out, for standard error after the report.
+    char late_note[1024] = "";
+    int late_len = 0;
 
     snap_threads() = default;
     snap_threads(const snap_threads &) = delete;

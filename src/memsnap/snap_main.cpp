@@ -44,6 +44,9 @@ int snap_main(int argc, char **argv)
     // A reader that goes away must show up as EPIPE and a message, not as a
     // silent death.
     signal(SIGPIPE, SIG_IGN);
+    // Stops of the threads are waited for with SIGCHLD; an ignored SIGCHLD
+    // inherited from the starter would send none.
+    signal(SIGCHLD, SIG_DFL);
 
     if (argc != 4 || strcmp(argv[1], "-c") != 0) {
         safe_write(2, usage, sizeof usage - 1);
@@ -124,6 +127,9 @@ int snap_main(int argc, char **argv)
         snap_fail("cannot write the report line: %s", strerror(errno));
         return fail_exit();
     }
+    // Threads left out, after the report line: a reader takes that first.
+    if (threads.late_len)
+        safe_write(2, threads.late_note, static_cast<unsigned>(threads.late_len));
 
     if (snap_write_core(&proc, &notes, &lay, fd) < 0)
         return fail_exit();

@@ -9,6 +9,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -473,6 +474,89 @@ TEST_F(SafeIo, PadStopsAtTheFirstWriteError)
     EXPECT_EQ(iowrap::writes().size(), 2u);
     EXPECT_EQ(file_content(out), std::string(79, ' ') + "\n");
     close(out);
+}
+
+// ---- safe_write_within ----
+
+// A socket pair whose sending side holds little, so a peer that does not
+// read fills it at once.
+struct SmallSocketPair {
+    int s[2] = {-1, -1};
+    SmallSocketPair()
+    {
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, s), 0);
+        int small = 4096;
+        setsockopt(s[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+        setsockopt(s[1], SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    }
+    ~SmallSocketPair()
+    {
+        close(s[0]);
+        close(s[1]);
+    }
+};
+
+TEST_F(SafeIo, WithinGivesUpOnASocketPeerThatTakesNothing)
+{
+    SmallSocketPair sp;
+    std::string data = pattern(1 << 20);
+    errno = 0;
+    EXPECT_EQ(safe_write_within(sp.s[0], data.data(), static_cast<unsigned>(data.size()), 200), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    // The descriptor is left blocking: its flags may be shared.
+    EXPECT_EQ(fcntl(sp.s[0], F_GETFL) & O_NONBLOCK, 0);
+}
+
+TEST_F(SafeIo, WithinGivesUpOnAPipeThatNobodyReads)
+{
+    Pipe p;
+    std::string data = pattern(1 << 20);
+    errno = 0;
+    EXPECT_EQ(safe_write_within(p.w, data.data(), static_cast<unsigned>(data.size()), 200), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+}
+
+TEST_F(SafeIo, WithinNeverCutsASlowReaderThatKeepsTakingBytes)
+{
+    // The reader takes 4096 bytes at a time with pauses far inside the
+    // limit (the pauses make the whole write last longer than the limit;
+    // they are what the test is about, not a wait for a state); the write
+    // must complete.
+    SmallSocketPair sp;
+    std::string data = pattern(192 * 1024);
+    std::string got;
+    std::thread reader([&] {
+        char buf[4096];
+        ssize_t n;
+        while ((n = read(sp.s[1], buf, sizeof buf)) > 0) {
+            got.append(buf, static_cast<size_t>(n));
+            std::this_thread::sleep_for(50ms);
+        }
+    });
+    EXPECT_EQ(safe_write_within(sp.s[0], data.data(), static_cast<unsigned>(data.size()), 2000),
+              static_cast<int>(data.size()));
+    shutdown(sp.s[0], SHUT_WR);
+    reader.join();
+    EXPECT_EQ(got, data);
+}
+
+TEST_F(SafeIo, WithinSeesAVanishedReaderAsEpipe)
+{
+    Pipe p;
+    p.close_r();
+    errno = 0;
+    EXPECT_EQ(safe_write_within(p.w, "x", 1, 200), -1);
+    EXPECT_EQ(errno, EPIPE);
+}
+
+TEST_F(SafeIo, WithinWritesAFileWhole)
+{
+    int fd = temp_file("");
+    std::string data = pattern(300000);
+    EXPECT_EQ(safe_write_within(fd, data.data(), static_cast<unsigned>(data.size()), 200),
+              static_cast<int>(data.size()));
+    EXPECT_EQ(file_content(fd), data);
+    close(fd);
 }
 
 } // namespace

@@ -200,6 +200,18 @@ TEST(DumpKind, FileMappingsGiveTheirWrittenPagesOrTheirElfHeader)
               SNAP_DUMP_WHOLE);
 }
 
+TEST(DumpKind, ReadableMappingsOfADeletedFileGoInWhole)
+{
+    // Its contents can no longer be found on disk.
+    EXPECT_EQ(snap_vma_dump_kind(vma(PF_R | PF_X, false, 0, 8, 0, 0x2000), "/usr/bin/hearth (deleted)", F),
+              SNAP_DUMP_WHOLE);
+    EXPECT_EQ(snap_vma_dump_kind(vma(PF_R, false, 0, 8), "/usr/lib/libx.so (deleted)", F), SNAP_DUMP_WHOLE);
+    EXPECT_EQ(snap_vma_dump_kind(vma(0, false, 0, 0), "/usr/lib/libx.so (deleted)", F), SNAP_DUMP_NONE);
+    EXPECT_EQ(snap_vma_dump_kind(vma(PF_R, false, 0, 8), "/usr/lib/libx.so (deleted)",
+                                 F & ~SNAP_FILTER_ANON_PRIVATE),
+              SNAP_DUMP_ELF_HEADER);
+}
+
 TEST(DumpKind, SharedMemoryOfNoFileGoesInMappedFilesDoNot)
 {
     EXPECT_EQ(snap_vma_dump_kind(vma(RW, true, 0, 8), "/dev/zero (deleted)", F), SNAP_DUMP_WHOLE);

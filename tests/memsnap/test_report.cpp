@@ -81,4 +81,15 @@ TEST(ReportLine, EveryLengthOfListKeepsTheLayout)
     }
 }
 
+// A 128-signal mask (MIPS) with signal 65 and up blocked must not saturate
+// the word: the note holds the low word, signals 1 to 32 (or 64).
+TEST(SignalMask, AWideMaskKeepsItsLowWord)
+{
+    EXPECT_EQ(snap_sigmask_low("\t00000000000000010000000000000001\n"), 1ul);
+    EXPECT_EQ(snap_sigmask_low("\tffffffffffffffff0000000000004002\n"), 0x4002ul);
+    EXPECT_EQ(snap_sigmask_low("\t0000000000000100\n"), 0x100ul);
+    EXPECT_EQ(snap_sigmask_low("\t00000000\n"), 0ul);
+    EXPECT_EQ(snap_sigmask_low("\t\n"), 0ul);
+}
+
 } // namespace

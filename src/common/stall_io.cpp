@@ -1,0 +1,77 @@
+#include "common.h"
+
+#include <errno.h>
+#include <limits.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <time.h>
+
+namespace {
+
+long long now_ms()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// How one piece is written without blocking past a ready poll: a socket
+// takes MSG_DONTWAIT for this call alone; a pipe that polls writable takes
+// PIPE_BUF bytes whole; a file or device never waits on a peer.
+enum class kind { socket, pipe, file };
+
+kind kind_of(int fd)
+{
+    struct stat st;
+    if (fstat(fd, &st) < 0)
+        return kind::pipe;
+    if (S_ISSOCK(st.st_mode))
+        return kind::socket;
+    if (S_ISREG(st.st_mode) || S_ISBLK(st.st_mode))
+        return kind::file;
+    return kind::pipe;
+}
+
+} // namespace
+
+int safe_write_within(int fd, const void *buf, unsigned len, int limit_ms)
+{
+    const char *p = static_cast<const char *>(buf);
+    unsigned total = 0;
+    kind k = kind_of(fd);
+    long long deadline = now_ms() + limit_ms;
+    while (total < len) {
+        if (k != kind::file) {
+            long long left = deadline - now_ms();
+            if (left <= 0) {
+                errno = ETIMEDOUT;
+                return -1;
+            }
+            pollfd pfd = {fd, POLLOUT, 0};
+            int r = poll(&pfd, 1, static_cast<int>(left));
+            if (r < 0 && errno != EINTR)
+                return -1;
+            if (r <= 0)
+                continue;
+        }
+        unsigned want = len - total;
+        ssize_t n;
+        if (k == kind::socket) {
+            n = send(fd, p + total, want, MSG_DONTWAIT | MSG_NOSIGNAL);
+        } else {
+            if (k == kind::pipe && want > PIPE_BUF)
+                want = PIPE_BUF;
+            n = write(fd, p + total, want);
+        }
+        if (n < 0) {
+            if (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)
+                continue;
+            return -1;
+        }
+        total += static_cast<unsigned>(n);
+        if (n > 0)
+            deadline = now_ms() + limit_ms;
+    }
+    return static_cast<int>(total);
+}
