@@ -10,9 +10,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "archive.h"
 #include "common.h"
 #include "proc.h"
+#include "tar.h"
 
 namespace {
 

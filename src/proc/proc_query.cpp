@@ -1,7 +1,7 @@
 #include "proc.h"
 
-#include "archive.h"
 #include "common.h"
+#include "tar.h"
 
 #include <ctype.h>
 #include <dirent.h>
