@@ -54,19 +54,19 @@ void stack_args(const trace_reader *rd, int pid, unsigned long sp, unsigned long
     *a5 = peekdata(rd, pid, sp + 16);
     *a6 = peekdata(rd, pid, sp + 20);
 }
-} // namespace
 
 // The low word of the 64-bit value at byte offset off of a PTRACE_GETREGS
 // block (the device is little-endian).
-static uint32_t word_at(const strace_regs *r, size_t off)
+uint32_t word_at(const strace_regs *r, size_t off)
 {
     return r->w[off / 4];
 }
 
-static uint32_t gpr(const strace_regs *r, int k)
+uint32_t gpr(const strace_regs *r, int k)
 {
     return word_at(r, offsetof(struct pt_regs, regs) + 8 * static_cast<size_t>(k));
 }
+} // namespace
 
 int arch_call_format(unsigned long nr, int *subcall)
 {
@@ -109,22 +109,24 @@ int arch_call_format(unsigned long nr, int *subcall)
 }
 
 
+namespace {
 // The argument block of the call in r: arguments 5 and 6 are read from the
 // stack (sp+16, sp+20) at entry and again at return.  False for a number
 // outside the name table.
-static bool o32_block(int pid, const strace_regs *r, unsigned long result,
+bool o32_block(int pid, const strace_regs *r, unsigned long result,
                       unsigned long *block, const trace_reader *rd)
 {
     unsigned long a5, a6;
     stack_args(rd, pid, r->w[R_SP], &a5, &a6);
     unsigned long nr = r->w[R_V0];
-    if (nr - 4000 >= 932)
+    if (nr - syscall_names_base >= static_cast<unsigned long>(syscall_names_count))
         return false;
     unsigned long b[SA_WORDS] = {r->w[S_PC], r->w[R_RA], nr, r->w[4], r->w[5], r->w[6],
                                  r->w[7], a5, a6, result, 0};
     memcpy(block, b, sizeof b);
     return true;
 }
+} // namespace
 
 int arch_dec_syscall(strace_ctx *ctx, int pid, const char *procname, char *buf, int size,
                      strace_regs *r, const trace_reader *rd)
@@ -146,7 +148,7 @@ int arch_dec_syscall(strace_ctx *ctx, int pid, const char *procname, char *buf, 
     unsigned long block[SA_WORDS];
     if (!o32_block(pid, r, r->w[R_V0], block, rd))
         return -1;
-    int n = arch_print_syscall(ctx, syscall_names[r->w[R_V0] - 4000], pid, procname, buf, size,
+    int n = arch_print_syscall(ctx, syscall_names[r->w[R_V0] - syscall_names_base], pid, procname, buf, size,
                                block, rd);
     if (block[SA_WB])
         arch_writeback_sc(pid, block, rd);
@@ -162,7 +164,7 @@ int arch_dec_syscall_ret(strace_ctx *ctx, int pid, const char *procname, char *b
     unsigned long block[SA_WORDS];
     if (!o32_block(pid, r, ret->w[R_V0], block, rd))
         return -1;
-    return arch_print_syscall_ret(ctx, syscall_names[r->w[R_V0] - 4000], pid, procname, buf,
+    return arch_print_syscall_ret(ctx, syscall_names[r->w[R_V0] - syscall_names_base], pid, procname, buf,
                                   size, block, rd);
 }
 

@@ -69,7 +69,8 @@ int arch_call_format(unsigned long nr, int *subcall)
 }
 
 
-static void fill_block(const user_regs_struct *u, unsigned long result, unsigned long *block)
+namespace {
+void fill_block(const user_regs_struct *u, unsigned long result, unsigned long *block)
 {
     block[SA_PC] = u->rip;
     block[SA_RA] = u->rsp;
@@ -83,6 +84,7 @@ static void fill_block(const user_regs_struct *u, unsigned long result, unsigned
     block[SA_RESULT] = result;
     block[SA_WB] = 0;
 }
+}  // namespace
 
 int arch_dec_syscall(strace_ctx *ctx, int pid, const char *procname, char *buf, int size,
                      strace_regs *r, const trace_reader *rd)
