@@ -144,6 +144,8 @@ while :; do
         readelf -h "$f" >/dev/null 2>&1 || continue
         for lib in $(readelf -d "$f" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'); do
             have_lib "$lib" && continue
+            # Two words: the library's path here and in the image.
+            # shellcheck disable=SC2046
             set -- $(find_lib "$lib") ||
                 { echo "mkinitramfs: $lib (needed by $f) not found" >&2; exit 1; }
             mkdir -p "$(dirname "$2")"
