@@ -311,7 +311,7 @@ def main():
           and abs(dfd) <= 2 and dth == 0 and after["children"] == 0
           and (a.rss_slack == 0 or abs(drss) <= a.rss_slack))
     print("verdict:", "PASS" if ok else "FAIL",
-          f"(goals: nothing unexpected, fds ±2, threads 0"
+          "(goals: nothing unexpected, fds ±2, threads 0"
           + (f", rss ±{a.rss_slack} KiB)" if a.rss_slack else ", rss not judged)"))
     return 0 if ok else 1
 
