@@ -510,16 +510,17 @@ void socketcall_places(int pid, const unsigned long *a, unsigned long *place,
 
 }  // namespace
 
-int strace_format_syscall(strace_ctx *ctx, int entry, const char *name, int pid,
+int strace_format_syscall(strace_ctx *ctx, int entry, const strace_call &call, int pid,
                           const char *procname, char *buf, int size, unsigned long *block,
                           const trace_reader *rd)
 {
+    const char *name = call.name;
+    const int kind = call.kind;
+    const int subcall = call.subcall;
     fmt_buf o = {buf, size, 0};
     const unsigned long a[6] = {block[SA_A1], block[SA_A2], block[SA_A3],
                                 block[SA_A4], block[SA_A5], block[SA_A6]};
     long result = static_cast<long>(block[SA_RESULT]);
-    int subcall = 0;
-    int kind = arch_call_format(block[SA_NR], &subcall);
     call_args c = {o, pid, rd, a, result, entry};
 
     unsigned long place[6] = {a[0], a[1], a[2], a[3], a[4], a[5]};
@@ -550,10 +551,10 @@ int strace_format_syscall(strace_ctx *ctx, int entry, const char *name, int pid,
     return o.pos;
 }
 
-int arch_print_syscall(strace_ctx *ctx, const char *name, int pid, const char *procname,
+int arch_print_syscall(strace_ctx *ctx, const strace_call &call, int pid, const char *procname,
                        char *buf, int size, unsigned long *block, const trace_reader *rd)
 {
-    int n = strace_format_syscall(ctx, 1, name, pid, procname, buf, size, block, rd);
+    int n = strace_format_syscall(ctx, 1, call, pid, procname, buf, size, block, rd);
     if (size > n + 2) {
         buf[n++] = '\n';
         buf[n] = '\0';
@@ -561,8 +562,9 @@ int arch_print_syscall(strace_ctx *ctx, const char *name, int pid, const char *p
     return n;
 }
 
-int arch_print_syscall_ret(strace_ctx *ctx, const char *name, int pid, const char *procname,
-                           char *buf, int size, unsigned long *block, const trace_reader *rd)
+int arch_print_syscall_ret(strace_ctx *ctx, const strace_call &call, int pid,
+                           const char *procname, char *buf, int size, unsigned long *block,
+                           const trace_reader *rd)
 {
-    return strace_format_syscall(ctx, 0, name, pid, procname, buf, size, block, rd);
+    return strace_format_syscall(ctx, 0, call, pid, procname, buf, size, block, rd);
 }

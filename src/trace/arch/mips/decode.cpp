@@ -25,14 +25,14 @@ static_assert(sizeof(struct pt_regs) == sizeof(strace_regs));
 namespace {
 enum { R_V0 = 2, R_A0 = 4, R_SP = 29, R_RA = 31, S_PC = 37 };
 
-unsigned long peekuser(const trace_reader *rd, int pid, unsigned long off)
+unsigned long user_word(const trace_reader *rd, int pid, unsigned long off)
 {
     unsigned long v;
     rd->peekuser(rd->arg, pid, off, &v);
     return v;
 }
 
-unsigned long peekdata(const trace_reader *rd, int pid, unsigned long addr)
+unsigned long data_word(const trace_reader *rd, int pid, unsigned long addr)
 {
     unsigned long v;
     rd->peekdata(rd->arg, pid, addr, &v);
@@ -51,8 +51,8 @@ void stack_args(const trace_reader *rd, int pid, unsigned long sp, unsigned long
         *a6 = w[1];
         return;
     }
-    *a5 = peekdata(rd, pid, sp + 16);
-    *a6 = peekdata(rd, pid, sp + 20);
+    *a5 = data_word(rd, pid, sp + 16);
+    *a6 = data_word(rd, pid, sp + 20);
 }
 
 // The low word of the 64-bit value at byte offset off of a PTRACE_GETREGS
@@ -128,6 +128,13 @@ bool o32_block(int pid, const strace_regs *r, unsigned long result,
 }
 } // namespace
 
+strace_call arch_call(unsigned long nr)
+{
+    strace_call call = {syscall_names[nr - syscall_names_base], SF_DEFAULT, 0};
+    call.kind = arch_call_format(nr, &call.subcall);
+    return call;
+}
+
 int arch_dec_syscall(strace_ctx *ctx, int pid, const char *procname, char *buf, int size,
                      strace_regs *r, const trace_reader *rd)
 {
@@ -148,8 +155,7 @@ int arch_dec_syscall(strace_ctx *ctx, int pid, const char *procname, char *buf, 
     unsigned long block[SA_WORDS];
     if (!o32_block(pid, r, r->w[R_V0], block, rd))
         return -1;
-    int n = arch_print_syscall(ctx, syscall_names[r->w[R_V0] - syscall_names_base], pid, procname, buf, size,
-                               block, rd);
+    int n = arch_print_syscall(ctx, arch_call(r->w[R_V0]), pid, procname, buf, size, block, rd);
     if (block[SA_WB])
         arch_writeback_sc(pid, block, rd);
     return n;
@@ -158,14 +164,14 @@ int arch_dec_syscall(strace_ctx *ctx, int pid, const char *procname, char *buf, 
 int arch_dec_syscall_ret(strace_ctx *ctx, int pid, const char *procname, char *buf, int size,
                          strace_regs *r, strace_regs *ret, const trace_reader *rd)
 {
-    ret->w[R_V0] = static_cast<uint32_t>(peekuser(rd, pid, R_V0));
+    ret->w[R_V0] = static_cast<uint32_t>(user_word(rd, pid, R_V0));
     // The raw v0: a failing call shows its positive error number (a3 is not
     // consulted).
     unsigned long block[SA_WORDS];
     if (!o32_block(pid, r, ret->w[R_V0], block, rd))
         return -1;
-    return arch_print_syscall_ret(ctx, syscall_names[r->w[R_V0] - syscall_names_base], pid, procname, buf,
-                                  size, block, rd);
+    return arch_print_syscall_ret(ctx, arch_call(r->w[R_V0]), pid, procname, buf, size, block,
+                                  rd);
 }
 
 void arch_writeback_sc(int pid, unsigned long *block, const trace_reader *rd)
