@@ -163,11 +163,11 @@ int rtrace_send_diskinfo_from(int fd, const char *mount_table)
     size_t len = static_cast<size_t>(
         snprintf(text.get(), RTRACE_BUF_SIZE, "%-20s\tUsed\tAvail\tMounted on\n", "Filesystem"));
 
-    FILE *table = setmntent(mount_table, "r");
-    if (table) {
+    // The table is closed at the end of this block, before anything is sent.
+    if (unique_with<FILE, endmntent> table(setmntent(mount_table, "r")); table) {
         mntent m;
         char strings[4096];
-        while (len < RTRACE_BUF_SIZE && getmntent_r(table, &m, strings, sizeof strings)) {
+        while (len < RTRACE_BUF_SIZE && getmntent_r(table.get(), &m, strings, sizeof strings)) {
             if (network_mount(m))
                 continue;
             struct statfs st;
@@ -186,7 +186,6 @@ int rtrace_send_diskinfo_from(int fd, const char *mount_table)
             if (static_cast<size_t>(n) >= room)
                 break;
         }
-        endmntent(table);
     }
     if (rtrace_write_header(fd, RTRACE_REC_DISKINFO, static_cast<uint32_t>(len), 0) != 0)
         return 0;
