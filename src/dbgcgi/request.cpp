@@ -25,6 +25,7 @@
 #include "monitor.h"
 #include "proc.h"
 #include "querykit.h"
+#include "tar.h"
 #include "trace.h"
 
 int push_listener_fd = -1;
