@@ -158,9 +158,12 @@ dbgcgi_settings dbgcgi = {
     "/var/spool/storage/SD_DISK/dumps",
 };
 
-int run_dbg_cgi(int argc, char **argv)
+namespace {
+
+// The command line into dbgcgi.  False (after printing the usage) for an
+// unknown option.
+bool parse_options(int argc, char **argv)
 {
-    openlog("dbg-cgi", LOG_PID, LOG_DAEMON);
     int c;
     while ((c = getopt(argc, argv, "di:np:s:c:k:ht")) != -1) {
         switch (c) {
@@ -190,28 +193,16 @@ int run_dbg_cgi(int argc, char **argv)
             break;
         default:
             puts(usage_text);
-            return 1;
+            return false;
         }
     }
+    return true;
+}
 
-    // Lives as long as the daemon; the first null slot takes each dump's pid.
-    static char *dumper_argv[5];
-    dumper_argv[0] = const_cast<char *>(dbgcgi.dumper);
-    dumper_argv[1] = const_cast<char *>("-c");
-    dumper_argv[2] = const_cast<char *>("/dev/stdout");
-    dumper_argv[3] = nullptr;
-    dumper_argv[4] = nullptr;
-    dump_set_dumper(dumper_argv);
-    dump_init();
-
-    if (dbgcgi.dump_mode) {
-        if (dbgcgi.gzip)
-            stream_tgz(STDOUT_FILENO);
-        else
-            stream_tar(STDOUT_FILENO);
-        return 0;
-    }
-
+// Detaches, opens both control sockets and serves until killed.  The exit
+// status.
+int serve()
+{
     if (!dbgcgi.foreground && daemon(0, 0) == -1) {
         perror("daemon\n");
         return 1;
@@ -238,4 +229,32 @@ int run_dbg_cgi(int argc, char **argv)
     if (!segf.valid())
         return 1;
     return debug_info_daemon(cgi.get(), segf.get());
+}
+
+}  // namespace
+
+int run_dbg_cgi(int argc, char **argv)
+{
+    openlog("dbg-cgi", LOG_PID, LOG_DAEMON);
+    if (!parse_options(argc, argv))
+        return 1;
+
+    // Lives as long as the daemon; the first null slot takes each dump's pid.
+    static char *dumper_argv[5];
+    dumper_argv[0] = const_cast<char *>(dbgcgi.dumper);
+    dumper_argv[1] = const_cast<char *>("-c");
+    dumper_argv[2] = const_cast<char *>("/dev/stdout");
+    dumper_argv[3] = nullptr;
+    dumper_argv[4] = nullptr;
+    dump_set_dumper(dumper_argv);
+    dump_init();
+
+    if (dbgcgi.dump_mode) {
+        if (dbgcgi.gzip)
+            stream_tgz(STDOUT_FILENO);
+        else
+            stream_tar(STDOUT_FILENO);
+        return 0;
+    }
+    return serve();
 }
