@@ -1,3 +1,5 @@
+// Live core dumps: the external dumper runs with its output and report on
+// two pipes; the core goes into the archive or straight to the client.
 #include "coredump.h"
 
 #include <ctype.h>
