@@ -15,18 +15,22 @@
 #include <time.h>
 #include <unistd.h>
 
-static double now()
+namespace {
+
+double now()
 {
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return ts.tv_sec + ts.tv_nsec / 1e9;
 }
 
-static int processes()
+int processes()
 {
     static int32_t pids[65536];
     return proc_list(pids, 65536, 0);
 }
+
+}  // namespace
 
 int main(int argc, char **argv)
 {

@@ -11,12 +11,16 @@
 #include <time.h>
 #include <unistd.h>
 
-static double now()
+namespace {
+
+double now()
 {
     timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
 }
+
+}  // namespace
 
 int main(int argc, char **argv)
 {

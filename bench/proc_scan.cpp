@@ -8,12 +8,16 @@
 
 #include <vector>
 
-static double now()
+namespace {
+
+double now()
 {
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return ts.tv_sec + ts.tv_nsec / 1e9;
 }
+
+}  // namespace
 
 int main(int argc, char **argv)
 {

@@ -14,7 +14,7 @@ stamp="$root/.toolnest-sysroot"
 # qemu-user looks every path up in the sysroot first: without these directories
 # the emulated programs see the host's live /dev, /proc and /sys.
 prune() {
-    rm -rf "$1/dev" "$1/proc" "$1/sys"
+    rm -rf "${1:?}/dev" "${1:?}/proc" "${1:?}/sys"
 }
 
 # Build trees sharing a sysroot make it one at a time.

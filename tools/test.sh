@@ -7,7 +7,7 @@
 # could have run fails the run like a failed test.  Exits non-zero when
 # anything failed.
 set -u
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/.." || exit 1
 
 # The system tests give their namespaces a /tmp of their own, which would
 # hide a checkout kept under /tmp: such a checkout is tested from a copy.

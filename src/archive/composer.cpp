@@ -97,31 +97,28 @@ int stream_file_unknownsize(tar *t, int fd, const char *member, const char *path
     (void)fd;
     if (bufsize == 0)
         bufsize = FILE_BUFSIZE;
-    char *buf = static_cast<char *>(malloc(static_cast<size_t>(bufsize)));
+    unique_heap<char[]> buf = heap_buffer(static_cast<size_t>(bufsize));
     if (!buf)
         return 1;
-    int in = open(path, O_RDONLY | O_CLOEXEC);
-    int n = in >= 0 ? safe_read(in, buf, static_cast<unsigned>(bufsize)) : -1;
+    unique_fd in(open(path, O_RDONLY | O_CLOEXEC));
+    int n = in.valid() ? safe_read(in.get(), buf.get(), static_cast<unsigned>(bufsize)) : -1;
     if (n > 0) {
         tar_addfile(t, member, static_cast<uint32_t>(n));
-        tar_write(t, buf, static_cast<uint32_t>(n));
+        tar_write(t, buf.get(), static_cast<uint32_t>(n));
     } else if (n < 0 && errno != EISDIR) {
         perror(path);
     }
-    if (in >= 0)
-        close(in);
-    free(buf);
     return 0;
 }
 
 int stream_dir_unknownsize(tar *t, int fd, const char *member_dir, const char *dir_path,
                            const char *const *skip_list)
 {
-    DIR *dir = opendir(dir_path);
+    unique_dir dir(opendir(dir_path));
     if (!dir)
         return 1;
     const char *prefix = member_dir ? member_dir : "";
-    while (dirent *e = readdir(dir)) {
+    while (dirent *e = readdir(dir.get())) {
         if (strlist_lookup(e->d_name, skip_list) >= 0)
             continue;
         char *member = nullptr, *path = nullptr;
@@ -131,7 +128,6 @@ int stream_dir_unknownsize(tar *t, int fd, const char *member_dir, const char *d
         free(member);
         free(path);
     }
-    closedir(dir);
     return 0;
 }
 
@@ -169,8 +165,8 @@ int stream_strace_log(tar *t, int32_t *pids, int npids)
 int stream_pcap_dump(tar *t, int fd, const char *ifname, int seconds, int size)
 {
     int count = 0;
-    void *filter = filter_me(fd, &count);
-    sock_fprog prog = {static_cast<unsigned short>(count), static_cast<sock_filter *>(filter)};
+    unique_heap<sock_filter> filter(static_cast<sock_filter *>(filter_me(fd, &count)));
+    sock_fprog prog = {static_cast<unsigned short>(count), filter.get()};
     if (t)
         tar_addfile(t, "netdump.cap", static_cast<uint32_t>(size));
     int n = pcap_dump(ifname, fd, size, PCAP_RECLEN, seconds, 1, filter ? &prog : nullptr);
@@ -179,7 +175,6 @@ int stream_pcap_dump(tar *t, int fd, const char *ifname, int seconds, int size)
         r = 1;
     else if (t)
         tar_fakewrite(t, static_cast<uint32_t>(size));
-    free(filter);
     return r;
 }
 

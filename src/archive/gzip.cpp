@@ -32,22 +32,17 @@ int write_out(z_stream &zs, unsigned char *out)
     return 0;
 }
 
-}  // namespace
-
-int gzip_filter()
+// Header, deflated standard input and trailer onto standard output.  0, or
+// -1 at the first failed write.
+int compress_stdin(z_stream &zs)
 {
     static const unsigned char header[10] = {0x1f, 0x8b, 8, 0, 0, 0, 0, 0, 0, 3};
     unsigned char in[GZ_BUFSIZE], out[GZ_BUFSIZE];
-    z_stream zs;
-    memset(&zs, 0, sizeof zs);
-    // Raw deflate at the fastest level: the header and trailer are ours.
-    deflateInit2_(&zs, 1, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY, ZLIB_VERSION,
-                  static_cast<int>(sizeof(z_stream)));
     uLong crc = crc32(0, nullptr, 0);
     uint32_t total = 0;
 
     if (safe_write(STDOUT_FILENO, header, sizeof header) < 0)
-        goto failed;
+        return -1;
     for (;;) {
         int n = safe_read(STDIN_FILENO, in, sizeof in);
         if (n <= 0)
@@ -61,7 +56,7 @@ int gzip_filter()
             zs.avail_out = GZ_BUFSIZE;
             deflate(&zs, Z_NO_FLUSH);
             if (write_out(zs, out) < 0)
-                goto failed;
+                return -1;
         }
     }
     for (;;) {
@@ -69,25 +64,31 @@ int gzip_filter()
         zs.avail_out = GZ_BUFSIZE;
         int r = deflate(&zs, Z_FINISH);
         if (write_out(zs, out) < 0)
-            goto failed;
+            return -1;
         if (r == Z_STREAM_END)
             break;
     }
-    {
-        unsigned char trailer[8];
-        put_le32(trailer, static_cast<uint32_t>(crc));
-        put_le32(trailer + 4, total);
-        if (safe_write(STDOUT_FILENO, trailer, sizeof trailer) < 0)
-            goto failed;
-    }
-    deflateEnd(&zs);
-    return 0;
+    unsigned char trailer[8];
+    put_le32(trailer, static_cast<uint32_t>(crc));
+    put_le32(trailer + 4, total);
+    return safe_write(STDOUT_FILENO, trailer, sizeof trailer) < 0 ? -1 : 0;
+}
 
-failed:
-    // The composer's next write into the pipe then fails with EPIPE.
-    close(STDIN_FILENO);
+}  // namespace
+
+int gzip_filter()
+{
+    z_stream zs;
+    memset(&zs, 0, sizeof zs);
+    // Raw deflate at the fastest level: the header and trailer are ours.
+    deflateInit2_(&zs, 1, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY, ZLIB_VERSION,
+                  static_cast<int>(sizeof(z_stream)));
+    int failed = compress_stdin(zs) != 0;
+    if (failed)
+        // The composer's next write into the pipe then fails with EPIPE.
+        close(STDIN_FILENO);
     deflateEnd(&zs);
-    return 1;
+    return failed;
 }
 
 void stream_tar(int fd)
@@ -104,21 +105,21 @@ void stream_tgz(int fd)
         perror("pipes");
         return;
     }
+    unique_fd rd(p[0]);
+    unique_fd wr(p[1]);  // closed first on the way out
     pid_t child = fork();
     if (child == -1) {
         perror("fork");
-        close(p[1]);
-        close(p[0]);
         return;
     }
     if (child == 0) {
-        close(p[1]);
+        wr.reset();
         close(STDIN_FILENO);
         if (fd != STDOUT_FILENO) {
             close(STDOUT_FILENO);
             dup2(fd, STDOUT_FILENO);
         }
-        dup2(p[0], STDIN_FILENO);
+        dup2(rd.get(), STDIN_FILENO);
         // Nothing else of the parent stays open here (other clients'
         // connections above all), so that they end when the daemon closes them.
         close_range(3, ~0U, 0);
@@ -126,9 +127,10 @@ void stream_tgz(int fd)
         // _exit: the composer's stdio buffers are the parent's to flush.
         _exit(0);
     }
-    close(p[0]);
-    stream_archive(p[1], child);
-    close(p[1]);
+    rd.reset();
+    stream_archive(wr.get(), child);
+    // The filter sees the end of the stream only once the write end is shut.
+    wr.reset();
     int status;
     waitpid(child, &status, 0);
 }

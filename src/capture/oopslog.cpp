@@ -65,6 +65,78 @@ int usage()
     return 1;
 }
 
+// The partition's size in bytes: BLKGETSIZE for a block device, MEMGETINFO
+// for an MTD character device.  False after reporting the failure.
+bool device_size(const oops_dev &d, unsigned long long *size)
+{
+    if (!d.mtd) {
+        unsigned long sectors = 0;
+        if (ioctl(d.fd, BLKGETSIZE, &sectors) < 0) {
+            perror("BLKGETSIZE");
+            return false;
+        }
+        *size = static_cast<unsigned long long>(sectors) * 512;
+        return true;
+    }
+    mtd_info_user info;
+    memset(&info, 0, sizeof info);
+    if (ioctl(d.fd, MEMGETINFO, &info) < 0) {
+        perror("MEMGETINFO");
+        return false;
+    }
+    *size = info.size;
+    return true;
+}
+
+// The slot of the newest report by its sequence count; false when no slot
+// holds one.
+bool find_newest(oops_dev &d, long long slots, long long *newest, uint32_t *best)
+{
+    bool found = false;
+    *best = erased;
+    *newest = 0;
+    for (long long i = 0; i < slots; i++) {
+        if (slot_bad(d, i))
+            continue;
+        slot_read(d, i);
+        if (!slot_holds_report(d))
+            continue;
+        uint32_t count = le32(d.buf);
+        if (!found || (count != 0 && count > *best) || (count == 0 && *best == before_wrap)) {
+            found = true;
+            *best = count;
+            *newest = i;
+        }
+    }
+    return found;
+}
+
+// Prints every report in ring order (step 1) or the other way round (-1),
+// starting one step past the newest, so that it comes last either way.
+void print_reports(oops_dev &d, long long slots, long long newest, int step)
+{
+    long long i = newest;
+    for (long long k = 0; k < slots; k++) {
+        i += step;
+        if (i < 0)
+            i = slots - 1;
+        else if (i >= slots)
+            i = 0;
+        if (slot_bad(d, i))
+            continue;
+        slot_read(d, i);
+        if (!slot_holds_report(d))
+            continue;
+        printf("Log Entry %d (at position %d)\n", static_cast<int>(le32(d.buf)), static_cast<int>(i));
+        for (unsigned j = 0; j < text_max; j++) {
+            unsigned char c = d.buf[text_at + j];
+            if (c == 0xff)
+                break;
+            putchar(isprint(c) || isspace(c) ? c : '.');
+        }
+    }
+}
+
 } // namespace
 
 int run_oopslog(int argc, char **argv)
@@ -98,68 +170,19 @@ int run_oopslog(int argc, char **argv)
     d.fd = fd.get();
     d.mtd = !S_ISBLK(st.st_mode);
     unsigned long long size;
-    if (!d.mtd) {
-        unsigned long sectors = 0;
-        if (ioctl(d.fd, BLKGETSIZE, &sectors) < 0) {
-            perror("BLKGETSIZE");
-            return 1;
-        }
-        size = static_cast<unsigned long long>(sectors) * 512;
-    } else {
-        mtd_info_user info;
-        memset(&info, 0, sizeof info);
-        if (ioctl(d.fd, MEMGETINFO, &info) < 0) {
-            perror("MEMGETINFO");
-            return 1;
-        }
-        size = info.size;
-    }
+    if (!device_size(d, &size))
+        return 1;
     memset(d.buf, 0xff, sizeof d.buf);
 
     const long long slots = static_cast<long long>(size / slot_size);
-    bool found = false;
-    uint32_t best = erased;
-    long long newest = 0;
-    for (long long i = 0; i < slots; i++) {
-        if (slot_bad(d, i))
-            continue;
-        slot_read(d, i);
-        if (!slot_holds_report(d))
-            continue;
-        uint32_t count = le32(d.buf);
-        if (!found || (count != 0 && count > best) || (count == 0 && best == before_wrap)) {
-            found = true;
-            best = count;
-            newest = i;
-        }
-    }
-    if (!found) {
+    long long newest;
+    uint32_t best;
+    if (!find_newest(d, slots, &newest, &best)) {
         fputs("No logs present\n", stderr);
         return 0;
     }
-
     fprintf(stderr, "Last log is at position %d with count %d\n", static_cast<int>(newest),
             static_cast<int>(best));
-    // Start one step past the newest, so it comes last in either direction.
-    long long i = newest;
-    for (long long k = 0; k < slots; k++) {
-        i += step;
-        if (i < 0)
-            i = slots - 1;
-        else if (i >= slots)
-            i = 0;
-        if (slot_bad(d, i))
-            continue;
-        slot_read(d, i);
-        if (!slot_holds_report(d))
-            continue;
-        printf("Log Entry %d (at position %d)\n", static_cast<int>(le32(d.buf)), static_cast<int>(i));
-        for (unsigned j = 0; j < text_max; j++) {
-            unsigned char c = d.buf[text_at + j];
-            if (c == 0xff)
-                break;
-            putchar(isprint(c) || isspace(c) ? c : '.');
-        }
-    }
+    print_reports(d, slots, newest, step);
     return 0;
 }

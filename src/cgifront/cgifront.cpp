@@ -6,7 +6,7 @@
 #include <string.h>
 #include <syslog.h>
 
-#include "archive.h"
+#include "tar.h"
 #include "handoff.h"
 
 int cgifront_message(char *buf, size_t size, const char *path, const char *query)

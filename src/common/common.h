@@ -2,7 +2,12 @@
 // way toolnest starts external programs.
 #pragma once
 
+#include <dirent.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <unistd.h>
+
+#include <memory>
 
 // Reads until len bytes arrived or end of input; EINTR/EAGAIN are retried at
 // once.  Returns the bytes read (short only at end of input) or -1 (errno set).
@@ -78,3 +83,35 @@ public:
 private:
     int fd_ = -1;
 };
+
+// Owners of the other resources, released when they go out of scope; a null
+// pointer is left alone.  release() hands a resource back to code that must
+// close it at a given point, or see the result of closing it.
+struct file_closer {
+    void operator()(FILE *f) const { fclose(f); }
+};
+struct dir_closer {
+    void operator()(DIR *d) const { closedir(d); }
+};
+struct heap_freer {
+    void operator()(void *p) const { free(p); }
+};
+// A stdio stream (fopen, fdopen, setmntent).
+using unique_file = std::unique_ptr<FILE, file_closer>;
+// A directory stream (opendir, fdopendir).
+using unique_dir = std::unique_ptr<DIR, dir_closer>;
+// A block from malloc, calloc or asprintf: unique_heap<char[]> for a buffer,
+// unique_heap<record> for one record.
+template <typename T> using unique_heap = std::unique_ptr<T, heap_freer>;
+
+// A buffer of size bytes (zero-filled when asked), null without memory.
+inline unique_heap<char[]> heap_buffer(size_t size, bool zeroed = false)
+{
+    return unique_heap<char[]>(static_cast<char *>(zeroed ? calloc(1, size) : malloc(size)));
+}
+
+// A library's own handle, given back through its release function.
+template <auto Release> struct release_with {
+    template <typename T> void operator()(T *p) const { Release(p); }
+};
+template <typename T, auto Release> using unique_with = std::unique_ptr<T, release_with<Release>>;

@@ -50,5 +50,5 @@ int sys_run(const char *path, char *const argv[], int fd_in, int fd_out, int fd_
     int status = 1;
     // A failed fork leaves pid at -1: this then waits for any child, as callers expect.
     waitpid(pid, &status, 0);
-    return (status >> 8) & 0xff;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 0;
 }

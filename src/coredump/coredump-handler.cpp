@@ -30,11 +30,6 @@ namespace {
 const char CONFIG_PATH[] = "/etc/conf.d/debugar.cgi";
 const char SEGF_SOCKET_PATH[] = "/var/run/dbg-cgi/ctrl-segf-socket";
 
-// Closes the configuration on every way out.
-struct config_closer {
-    void operator()(kvconf *cfg) const { kvconf_closecfg(cfg); }
-};
-
 // The kernel starts a pipe program with nothing but standard input open.
 // Keep descriptors 1 and 2 taken, so that no socket opened later becomes
 // "standard error" and receives a message meant for the console.
@@ -103,32 +98,35 @@ void collect_ftp_settings(kvconf *cfg, ftp_settings *ftp)
     }
 }
 
-struct curl_list_freer {
-    void operator()(curl_slist *list) const { curl_slist_free_all(list); }
-};
-struct curl_handle_freer {
-    void operator()(CURL *handle) const { curl_easy_cleanup(handle); }
-};
-struct heap_freer {
-    void operator()(char *p) const { free(p); }
-};
+using curl_handle = unique_with<CURL, curl_easy_cleanup>;
+using curl_list = unique_with<curl_slist, curl_slist_free_all>;
 
-// Global curl state for the length of one upload.
-class curl_global {
-public:
-    curl_global() : ok_(curl_global_init(CURL_GLOBAL_ALL) == CURLE_OK) {}
-    curl_global(const curl_global &) = delete;
-    curl_global &operator=(const curl_global &) = delete;
-    ~curl_global()
-    {
-        if (ok_)
-            curl_global_cleanup();
-    }
-    bool ok() const { return ok_; }
+// One transfer of standard input to url, the rename sent after it.  The exit
+// code.
+int transfer_core(const ftp_settings &ftp, const char *url, const char *rnfr)
+{
+    curl_handle curl(curl_easy_init());
+    if (!curl)
+        return 1;
+    curl_list postquote(curl_slist_append(nullptr, rnfr));
+    if (!postquote)
+        return 1;
 
-private:
-    bool ok_;
-};
+    CURL *h = curl.get();
+    if (curl_easy_setopt(h, CURLOPT_READFUNCTION, coredump_read_cb) != CURLE_OK ||
+        curl_easy_setopt(h, CURLOPT_UPLOAD, 1L) != CURLE_OK ||
+        curl_easy_setopt(h, CURLOPT_URL, url) != CURLE_OK ||
+        curl_easy_setopt(h, CURLOPT_POSTQUOTE, postquote.get()) != CURLE_OK ||
+        curl_easy_setopt(h, CURLOPT_TIMEOUT, ftp.timeout) != CURLE_OK)
+        return 1;
+
+    CURLcode rc = curl_easy_perform(h);
+    if (rc == CURLE_OK)
+        return 0;
+    if (rc == CURLE_OPERATION_TIMEDOUT)
+        syslog(LOG_WARNING, "coredump truncated.");
+    return 1;
+}
 
 // Uploads standard input as name into TargetURL + TargetPath.  The exit code.
 int upload_core(kvconf *cfg, const char *name)
@@ -140,41 +138,22 @@ int upload_core(kvconf *cfg, const char *name)
     // No TargetPath: the file goes into the directory the URL names.
     const char *dir = ftp.path ? ftp.path : "";
 
-    char *url_text = nullptr;
-    char *rnfr_text = nullptr;
-    if (asprintf(&url_text, "%s%s/%s", ftp.url, dir, name) < 0)
+    char *text = nullptr;
+    if (asprintf(&text, "%s%s/%s", ftp.url, dir, name) < 0)
         return 1;
-    std::unique_ptr<char, heap_freer> url(url_text);
+    unique_heap<char> url(text);
     // The rename is sent without its second half; the server's answer to it
     // decides the transfer's result.
-    if (asprintf(&rnfr_text, "RNFR %s/%s", dir, name) < 0)
+    if (asprintf(&text, "RNFR %s/%s", dir, name) < 0)
         return 1;
-    std::unique_ptr<char, heap_freer> rnfr(rnfr_text);
+    unique_heap<char> rnfr(text);
 
-    curl_global global;
-    if (!global.ok())
+    // The global curl state lasts exactly one upload.
+    if (curl_global_init(CURL_GLOBAL_ALL) != CURLE_OK)
         return 1;
-    std::unique_ptr<CURL, curl_handle_freer> curl(curl_easy_init());
-    if (!curl)
-        return 1;
-    std::unique_ptr<curl_slist, curl_list_freer> postquote(curl_slist_append(nullptr, rnfr.get()));
-    if (!postquote)
-        return 1;
-
-    CURL *h = curl.get();
-    if (curl_easy_setopt(h, CURLOPT_READFUNCTION, coredump_read_cb) != CURLE_OK ||
-        curl_easy_setopt(h, CURLOPT_UPLOAD, 1L) != CURLE_OK ||
-        curl_easy_setopt(h, CURLOPT_URL, url.get()) != CURLE_OK ||
-        curl_easy_setopt(h, CURLOPT_POSTQUOTE, postquote.get()) != CURLE_OK ||
-        curl_easy_setopt(h, CURLOPT_TIMEOUT, ftp.timeout) != CURLE_OK)
-        return 1;
-
-    CURLcode rc = curl_easy_perform(h);
-    if (rc == CURLE_OK)
-        return 0;
-    if (rc == CURLE_OPERATION_TIMEDOUT)
-        syslog(LOG_WARNING, "coredump truncated.");
-    return 1;
+    int result = transfer_core(ftp, url.get(), rnfr.get());
+    curl_global_cleanup();
+    return result;
 }
 
 // Streams standard input to the debug service.  The exit code.
@@ -248,19 +227,18 @@ int run_coredump_handler(int argc, char **argv)
     long pagesize = sysconf(_SC_PAGESIZE);
     assert(pagesize > 0);
     if (have_limit && limit < static_cast<unsigned long long>(pagesize)) {
-        char *path = strdup(argv[3]);
+        unique_heap<char> path(strdup(argv[3]));
         if (path) {
-            for (char *p = path; *p; p++) {
+            for (char *p = path.get(); *p; p++) {
                 if (*p == '!')
                     *p = '/';
             }
         }
-        syslog(LOG_INFO, "core dumps disabled for '%s/%s'", path ? path : argv[3], argv[4]);
-        free(path);
+        syslog(LOG_INFO, "core dumps disabled for '%s/%s'", path ? path.get() : argv[3], argv[4]);
         return 0;
     }
 
-    std::unique_ptr<kvconf, config_closer> cfg(kvconf_opencfg(CONFIG_PATH));
+    unique_with<kvconf, kvconf_closecfg> cfg(kvconf_opencfg(CONFIG_PATH));
     if (cfg) {
         const kvconf_entry *e;
         while ((e = kvconf_getcfg(cfg.get())) && strcmp(e->key, "CoreHandler") != 0) {

@@ -1,3 +1,5 @@
+// Live core dumps: the external dumper runs with its output and report on
+// two pipes; the core goes into the archive or straight to the client.
 #include "coredump.h"
 
 #include <ctype.h>
@@ -10,9 +12,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "archive.h"
 #include "common.h"
 #include "proc.h"
+#include "tar.h"
 
 namespace {
 
@@ -25,20 +27,30 @@ char pid_text[100];       // dump_one: the pid argument, then the member name
 char pid_text_core[100];  // coredump: the pid argument
 char ctl_line[CTL_MAX + 1];
 
-// Both ends close-on-exec: the dumper gets them through dup2 only, and no
-// other child started meanwhile keeps a write end (and so the pipe) open.
-int open_pipes(int data[2], int ctl[2])
+// The two ends of one pipe.
+struct pipe_ends {
+    unique_fd rd;
+    unique_fd wr;
+};
+
+// Both pipes with both ends close-on-exec: the dumper gets them through dup2
+// only, and no other child started meanwhile keeps a write end (and so the
+// pipe) open.
+int open_pipes(pipe_ends &data, pipe_ends &ctl)
 {
-    if (pipe2(data, O_CLOEXEC) == -1) {
+    int fds[2][2];
+    if (pipe2(fds[0], O_CLOEXEC) == -1) {
         perror("pipes");
         return -1;
     }
-    if (pipe2(ctl, O_CLOEXEC) == -1) {
+    data.rd.reset(fds[0][0]);
+    data.wr.reset(fds[0][1]);
+    if (pipe2(fds[1], O_CLOEXEC) == -1) {
         perror("pipes");
-        close(data[0]);
-        close(data[1]);
         return -1;
     }
+    ctl.rd.reset(fds[1][0]);
+    ctl.wr.reset(fds[1][1]);
     return 0;
 }
 
@@ -58,13 +70,11 @@ void member_dir(int32_t pid, char *dir, size_t size)
     char path[30];
     char cmd[81];
     snprintf(path, sizeof path, "/proc/%d/cmdline", pid);
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
     ssize_t n = -1;
-    if (fd >= 0) {
+    if (unique_fd fd(open(path, O_RDONLY | O_CLOEXEC)); fd.valid()) {
         do
-            n = read(fd, cmd, 80);
+            n = read(fd.get(), cmd, 80);
         while (n == -1 && errno == EINTR);
-        close(fd);
     }
     if (n < 0) {
         snprintf(dir, size, "unknown.%d/", pid);
@@ -73,6 +83,12 @@ void member_dir(int32_t pid, char *dir, size_t size)
     cmd[n] = '\0';
     const char *slash = strrchr(cmd, '/');
     snprintf(dir, size, "%s.%d/", slash ? slash + 1 : cmd, pid);
+}
+
+// The dumper ran to its end and exited 0.
+bool exited_cleanly(int status)
+{
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 // Reads the report line into ctl_line.  Its length, or -1 (nothing usable).
@@ -143,13 +159,13 @@ int dump_parse_report(char *buf, int len, int32_t *pids, int index, int npids)
 int dump_one(tar *t, int fd, int32_t *pids, int index, int npids)
 {
     int32_t pid = pids[index];
-    int data[2], ctl[2];
+    pipe_ends data, ctl;
     if (open_pipes(data, ctl) == -1)
         return 0;
 
-    int child = start_dumper(pid_text, pid, data[1], ctl[1]);
-    close(data[1]);
-    close(ctl[1]);
+    int child = start_dumper(pid_text, pid, data.wr.get(), ctl.wr.get());
+    data.wr.reset();
+    ctl.wr.reset();
 
     char dir[90];
     member_dir(pid, dir, sizeof dir);
@@ -157,12 +173,12 @@ int dump_one(tar *t, int fd, int32_t *pids, int index, int npids)
     int result = 0;
     bool core_written = false;
     bool data_drained = false;
-    int len = read_report(ctl[0]);
+    int len = read_report(ctl.rd.get());
     int clen = len < 0 ? 0 : dump_parse_report(ctl_line, len, pids, index, npids);
     if (clen != 0) {
         snprintf(pid_text, sizeof pid_text, "%score", dir);
         tar_addfile(t, pid_text, static_cast<uint32_t>(clen));
-        int copied = safe_copyfd(data[0], fd);
+        int copied = safe_copyfd(data.rd.get(), fd);
         if (copied != clen) {
             if (copied == -1) {
                 fputs("ABORT!\n", stderr);
@@ -170,8 +186,8 @@ int dump_one(tar *t, int fd, int32_t *pids, int index, int npids)
             } else {
                 fprintf(stderr, "WARNING: err=%d clen=%d pid=%d\n", copied, clen, pid);
             }
-            safe_copyfd(data[0], null_fd);
-            safe_copyfd(ctl[0], STDERR_FILENO);
+            safe_copyfd(data.rd.get(), null_fd);
+            safe_copyfd(ctl.rd.get(), STDERR_FILENO);
             data_drained = true;
         }
         tar_fakewrite(t, static_cast<uint32_t>(clen));
@@ -179,11 +195,11 @@ int dump_one(tar *t, int fd, int32_t *pids, int index, int npids)
     }
 
     if (!data_drained)
-        safe_copyfd(data[0], null_fd);
-    safe_copyfd(ctl[0], null_fd);
+        safe_copyfd(data.rd.get(), null_fd);
+    safe_copyfd(ctl.rd.get(), null_fd);
     int status = 0;
     int reaped = child > 0 ? waitpid(child, &status, 0) : -1;
-    if (reaped == child && child > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0) {
+    if (reaped == child && child > 0 && exited_cleanly(status)) {
         if (core_written) {
             snprintf(pid_text, sizeof pid_text, "%sfdmap", dir);
             proc_append_fdmap(t, pid_text, pid, fd);
@@ -191,26 +207,22 @@ int dump_one(tar *t, int fd, int32_t *pids, int index, int npids)
     } else {
         fprintf(stderr, "dump error for pid %d", pid);
     }
-    close(data[0]);
-    close(ctl[0]);
     return result;
 }
 
 int coredump(int fd, int32_t pid)
 {
-    int out[2], err[2];
+    pipe_ends out, err;
     if (open_pipes(out, err) == -1)
         return 0;
-    int child = start_dumper(pid_text_core, pid, out[1], err[1]);
-    close(out[1]);
-    close(err[1]);
-    safe_copyfd(out[0], fd);
-    safe_copyfd(out[0], null_fd);
-    safe_copyfd(err[0], null_fd);
+    int child = start_dumper(pid_text_core, pid, out.wr.get(), err.wr.get());
+    out.wr.reset();
+    err.wr.reset();
+    safe_copyfd(out.rd.get(), fd);
+    safe_copyfd(out.rd.get(), null_fd);
+    safe_copyfd(err.rd.get(), null_fd);
     int status = 0;
-    if (child <= 0 || waitpid(child, &status, 0) != child || status != 0)
+    if (child <= 0 || waitpid(child, &status, 0) != child || !exited_cleanly(status))
         fprintf(stderr, "dump error for pid %d\n", pid);
-    close(out[0]);
-    close(err[0]);
     return 0;
 }

@@ -48,42 +48,39 @@ void check_dumps(int *drained)
         syslog(LOG_ERR, "Invalid dump directory");
         return;
     }
-    int dfd = open(dbgcgi.dump_dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dfd == -1)
+    unique_fd dfd(open(dbgcgi.dump_dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dfd.valid())
         return;
-    DIR *d = fdopendir(dfd);
+    unique_dir d(fdopendir(dfd.get()));
     if (!d) {
         perror("check_dumps");
-        close(dfd);
         return;
     }
+    dfd.release();  // the directory stream owns it now
     const dirent *de;
     do
-        de = readdir(d);
+        de = readdir(d.get());
     while (de && (strcmp(de->d_name, ".") == 0 || strcmp(de->d_name, "..") == 0));
     if (de) {
-        int fd = openat(dirfd(d), de->d_name, O_RDONLY | O_CLOEXEC);
+        int fd = openat(dirfd(d.get()), de->d_name, O_RDONLY | O_CLOEXEC);
         if (fd == -1) {
             perror("check_dumps");
-            closedir(d);
             return;
         }
         if (handle_request_push(fd, de->d_name) != 0) {
             syslog(LOG_ERR, "Failed to send dump: %s", de->d_name);
-            closedir(d);
             return;
         }
-        if (unlinkat(dirfd(d), de->d_name, 0) == -1) {
+        if (unlinkat(dirfd(d.get()), de->d_name, 0) == -1) {
             perror("check_dumps");
-            closedir(d);
             return;
         }
     }
     // Whatever the next entry is ("." and ".." included), the directory is
     // not yet seen empty.
-    if (!readdir(d))
+    if (!readdir(d.get()))
         *drained = 1;
-    if (closedir(d) != 0)
+    if (closedir(d.release()) != 0)
         perror("check_dumps");
 }
 
@@ -92,20 +89,20 @@ void check_dumps(int *drained)
 int crash_socket(const char *path)
 {
     unlink(path);
-    int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (s == -1)
+    unique_fd s(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!s.valid())
         return -1;
     sockaddr_un sa;
     memset(&sa, 0, sizeof sa);
     sa.sun_family = AF_UNIX;
     size_t len = strlen(path);
     memcpy(sa.sun_path, path, len < sizeof sa.sun_path ? len : sizeof sa.sun_path);
-    if (bind(s, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == -1 || listen(s, 2) == -1) {
+    if (bind(s.get(), reinterpret_cast<sockaddr *>(&sa), sizeof sa) == -1 ||
+        listen(s.get(), 2) == -1) {
         syslog(LOG_ERR, "Could not open %s: %m", path);
-        close(s);
         return -1;
     }
-    return s;
+    return s.release();
 }
 
 }  // namespace
@@ -161,9 +158,12 @@ dbgcgi_settings dbgcgi = {
     "/var/spool/storage/SD_DISK/dumps",
 };
 
-int run_dbg_cgi(int argc, char **argv)
+namespace {
+
+// The command line into dbgcgi.  False (after printing the usage) for an
+// unknown option.
+bool parse_options(int argc, char **argv)
 {
-    openlog("dbg-cgi", LOG_PID, LOG_DAEMON);
     int c;
     while ((c = getopt(argc, argv, "di:np:s:c:k:ht")) != -1) {
         switch (c) {
@@ -193,28 +193,16 @@ int run_dbg_cgi(int argc, char **argv)
             break;
         default:
             puts(usage_text);
-            return 1;
+            return false;
         }
     }
+    return true;
+}
 
-    // Lives as long as the daemon; the first null slot takes each dump's pid.
-    static char *dumper_argv[5];
-    dumper_argv[0] = const_cast<char *>(dbgcgi.dumper);
-    dumper_argv[1] = const_cast<char *>("-c");
-    dumper_argv[2] = const_cast<char *>("/dev/stdout");
-    dumper_argv[3] = nullptr;
-    dumper_argv[4] = nullptr;
-    dump_set_dumper(dumper_argv);
-    dump_init();
-
-    if (dbgcgi.dump_mode) {
-        if (dbgcgi.gzip)
-            stream_tgz(STDOUT_FILENO);
-        else
-            stream_tar(STDOUT_FILENO);
-        return 0;
-    }
-
+// Detaches, opens both control sockets and serves until killed.  The exit
+// status.
+int serve()
+{
     if (!dbgcgi.foreground && daemon(0, 0) == -1) {
         perror("daemon\n");
         return 1;
@@ -235,13 +223,38 @@ int run_dbg_cgi(int argc, char **argv)
         syslog(LOG_ERR, "Could not open %s: %m", dbgcgi.cgi_socket);
         exit(1);
     }
-    int segf_fd = crash_socket(dbgcgi.segf_socket);
-    if (segf_fd < 0) {
-        close(cgi_fd);
+    unique_fd cgi(cgi_fd);
+    // Declared after cgi, so closed before it.
+    unique_fd segf(crash_socket(dbgcgi.segf_socket));
+    if (!segf.valid())
         return 1;
+    return debug_info_daemon(cgi.get(), segf.get());
+}
+
+}  // namespace
+
+int run_dbg_cgi(int argc, char **argv)
+{
+    openlog("dbg-cgi", LOG_PID, LOG_DAEMON);
+    if (!parse_options(argc, argv))
+        return 1;
+
+    // Lives as long as the daemon; the first null slot takes each dump's pid.
+    static char *dumper_argv[5];
+    dumper_argv[0] = const_cast<char *>(dbgcgi.dumper);
+    dumper_argv[1] = const_cast<char *>("-c");
+    dumper_argv[2] = const_cast<char *>("/dev/stdout");
+    dumper_argv[3] = nullptr;
+    dumper_argv[4] = nullptr;
+    dump_set_dumper(dumper_argv);
+    dump_init();
+
+    if (dbgcgi.dump_mode) {
+        if (dbgcgi.gzip)
+            stream_tgz(STDOUT_FILENO);
+        else
+            stream_tar(STDOUT_FILENO);
+        return 0;
     }
-    int r = debug_info_daemon(cgi_fd, segf_fd);
-    close(segf_fd);
-    close(cgi_fd);
-    return r;
+    return serve();
 }

@@ -25,6 +25,7 @@
 #include "monitor.h"
 #include "proc.h"
 #include "querykit.h"
+#include "tar.h"
 #include "trace.h"
 
 int push_listener_fd = -1;
@@ -130,12 +131,12 @@ bool own_thread(int pid)
     return pid == getpid() || access(path, F_OK) == 0;
 }
 
-// Takes over fd as the connection waiting for the next pushed dump.
-void register_listener(int fd)
+// Takes over conn as the connection waiting for the next pushed dump.
+void register_listener(unique_fd conn)
 {
     if (push_listener_fd != -1)
         close(push_listener_fd);
-    push_listener_fd = fd;
+    push_listener_fd = conn.release();
 }
 
 bool start_thread(void *(*body)(void *), void *arg)
@@ -144,32 +145,44 @@ bool start_thread(void *(*body)(void *), void *arg)
     return pthread_create(&t, nullptr, body, arg) == 0;
 }
 
-void start_archive(int fd, int gzip)
+// Hands the record and its connection to a new handler thread, which owns
+// both from then on; when no thread starts, the client gets the 500 response
+// and both are released here.
+template <typename Req>
+bool hand_to_thread(void *(*body)(void *), unique_heap<Req> &req, unique_fd &conn)
+{
+    if (start_thread(body, req.get())) {
+        req.release();
+        conn.release();
+        return true;
+    }
+    req.reset();
+    reply_internal_error(conn.get());
+    conn.reset();
+    return false;
+}
+
+void start_archive(unique_fd conn, int gzip)
 {
     if (load(&archive_in_progress)) {
-        stream_http_message(fd, "503 Service Unavailable",
+        stream_http_message(conn.get(), "503 Service Unavailable",
                             "Another Crash Report generation is in progress. "
                             "Please try again later ... ");
-        close(fd);
         return;
     }
     store(&archive_in_progress, 1);
-    archive_req *req = static_cast<archive_req *>(malloc(sizeof *req));
-    req->fd = fd;
+    unique_heap<archive_req> req(static_cast<archive_req *>(malloc(sizeof(archive_req))));
+    req->fd = conn.get();
     req->gzip = gzip;
-    if (!start_thread(run_archive_request, req)) {
-        free(req);
-        reply_internal_error(fd);
-        close(fd);
+    if (!hand_to_thread(run_archive_request, req, conn))
         store(&archive_in_progress, 0);
-    }
 }
 
-void coredump_request(int fd)
+void coredump_request(unique_fd conn)
 {
     char *pid_text = CGI_get_value("pid");
     if (!pid_text) {
-        register_listener(fd);
+        register_listener(std::move(conn));
         CGI_cleanup();
         return;
     }
@@ -181,50 +194,45 @@ void coredump_request(int fd)
         if (*name)
             proc_find_pid_by_name("/proc", name, found, &count, 1);
         if (count == 0) {
-            reply_bad_request(fd);
-            close(fd);
+            reply_bad_request(conn.get());
             CGI_cleanup();
             return;
         }
         pid = found[0];
     }
     if (pid < 0 || kill(pid, 0) != 0 || own_thread(pid)) {
-        reply_bad_request(fd);
-    } else if (stream_http_header(fd, "application/octet-stream", "core") == 0) {
-        coredump(fd, pid);
+        reply_bad_request(conn.get());
+    } else if (stream_http_header(conn.get(), "application/octet-stream", "core") == 0) {
+        coredump(conn.get(), pid);
     }
-    close(fd);
     CGI_cleanup();
 }
 
-void pcap_request(int fd)
+void pcap_request(unique_fd conn)
 {
-    pcap_req *req = static_cast<pcap_req *>(malloc(sizeof *req));
-    req->fd = fd;
+    unique_heap<pcap_req> req(static_cast<pcap_req *>(malloc(sizeof(pcap_req))));
+    req->fd = conn.get();
     int v;
     req->duration = parse_number(CGI_get_value("duration"), &v) && v >= 0 ? v : 0;
     req->totalsize = parse_number(CGI_get_value("totalsize"), &v) && v >= 0 ? v : 0;
     CGI_cleanup();
-    if (!start_thread(run_pcap_request, req)) {
-        free(req);
-        reply_internal_error(fd);
-        close(fd);
-    }
+    hand_to_thread(run_pcap_request, req, conn);
 }
 
-void ps_request(int fd)
+void ps_request(unique_fd conn)
 {
     CGI_cleanup();
-    if (!start_thread(run_ps_request, reinterpret_cast<void *>(static_cast<intptr_t>(fd)))) {
-        reply_internal_error(fd);
-        close(fd);
-    }
+    // The descriptor itself is the thread's argument.
+    if (start_thread(run_ps_request, reinterpret_cast<void *>(static_cast<intptr_t>(conn.get()))))
+        conn.release();
+    else
+        reply_internal_error(conn.get());
 }
 
-void rtrace_request(int fd)
+void rtrace_request(unique_fd conn)
 {
-    rtrace_req *req = static_cast<rtrace_req *>(malloc(sizeof *req));
-    req->fd = fd;
+    unique_heap<rtrace_req> req(static_cast<rtrace_req *>(malloc(sizeof(rtrace_req))));
+    req->fd = conn.get();
 
     const char *interval = CGI_get_value("interval");
     if (!interval)
@@ -241,11 +249,7 @@ void rtrace_request(int fd)
     req->mask = mask ? mask : rtrace_default_mask;
 
     CGI_cleanup();
-    if (!start_thread(run_rtrace_request, req)) {
-        free(req);
-        reply_internal_error(fd);
-        close(fd);
-    }
+    hand_to_thread(run_rtrace_request, req, conn);
 }
 
 // ---- handler threads ----
@@ -336,6 +340,7 @@ void strace_add_target(char *token, int32_t *pids, int *count)
 
 void prepare_strace_request(int fd)
 {
+    unique_fd conn(fd);
     int32_t pids[STRACE_REQ_MAX_PIDS];
     int count = 0;
     const char *list = CGI_get_value("pid");
@@ -348,35 +353,30 @@ void prepare_strace_request(int fd)
     }
     CGI_cleanup();
     if (count == 0) {
-        reply_bad_request(fd);
-        close(fd);
+        reply_bad_request(conn.get());
         return;
     }
-    strace_req *req = static_cast<strace_req *>(calloc(1, sizeof *req));
+    unique_heap<strace_req> req(static_cast<strace_req *>(calloc(1, sizeof(strace_req))));
     memcpy(req->pids, pids, sizeof(int32_t) * static_cast<size_t>(count));
     req->npids = count;
-    req->fd = fd;
+    req->fd = conn.get();
     req->running = 1;
-    if (!start_thread(run_strace_request, req)) {
-        free(req);
-        reply_internal_error(fd);
-        close(fd);
-    }
+    hand_to_thread(run_strace_request, req, conn);
 }
 
 void pre_process_request(int fd, char *msg, int len)
 {
+    unique_fd conn(fd);
     size_t pathlen = strnlen(msg, static_cast<size_t>(len > 0 ? len : 0));
     if (len < 1 || pathlen >= static_cast<size_t>(len)) {
         reply_internal_error(fd);
-        close(fd);
         return;
     }
     // The query ends at its NUL or at the end of the message.
     const char *q = msg + pathlen + 1;
     size_t qlen = strnlen(q, static_cast<size_t>(len) - pathlen - 1);
-    char *query = strndup(q, qlen);
-    CGI_set_query(query);
+    unique_heap<char> query(strndup(q, qlen));
+    CGI_set_query(query.get());
     CGI_save_env();
     const char *cmd = CGI_get_value("cmd");
 
@@ -385,44 +385,45 @@ void pre_process_request(int fd, char *msg, int len)
         if (!slash) {
             CGI_cleanup();
             reply_internal_error(fd);
-            close(fd);
-            free(query);
             return;
         }
         const char *last = slash + 1;
         int gzip = strncmp(last, "debug.tgz", 9) == 0 || strncmp(last, "coredumps.tgz", 13) == 0;
-        bool listen = strncmp(query, "listen", 6) == 0;
-        free(query);
+        bool listen = strncmp(query.get(), "listen", 6) == 0;
+        query.reset();
         CGI_cleanup();
         if (listen)
-            register_listener(fd);
+            register_listener(std::move(conn));
         else
-            start_archive(fd, gzip);
+            start_archive(std::move(conn), gzip);
         return;
     }
-    free(query);
+    query.reset();
 
     if (strncmp(cmd, "coredump", 8) == 0) {
-        coredump_request(fd);
+        coredump_request(std::move(conn));
     } else if (strncmp(cmd, "pcapdump", 8) == 0) {
-        pcap_request(fd);
+        pcap_request(std::move(conn));
     } else if (strncmp(cmd, "ps", 2) == 0) {
-        ps_request(fd);
+        ps_request(std::move(conn));
     } else if (strncmp(cmd, "strace", 6) == 0) {
-        prepare_strace_request(fd);
+        prepare_strace_request(conn.release());
     } else if (strncmp(cmd, "rtrace", 6) == 0) {
-        rtrace_request(fd);
+        rtrace_request(std::move(conn));
     } else {
         // The decoded query stays until the next CGI_set_query replaces it.
         reply_bad_request(fd);
-        close(fd);
     }
 }
 
+// The handler threads own their record and its connection; the connection
+// is closed before the record is freed.  They end by returning, so that the
+// owners release what they hold (pthread_exit would skip that).
 void *run_archive_request(void *data)
 {
     assert(data && "req");
-    archive_req *req = static_cast<archive_req *>(data);
+    unique_heap<archive_req> req(static_cast<archive_req *>(data));
+    unique_fd conn(req->fd);
     if (detach_self(req->fd) &&
         stream_http_header(req->fd, "application/x-tar", req->gzip ? "debug.tgz" : "debug.tar") ==
             0) {
@@ -431,38 +432,38 @@ void *run_archive_request(void *data)
         else
             stream_tar(req->fd);
     }
-    close(req->fd);
+    // The download has ended for the client before the next one may start.
+    conn.reset();
     store(&archive_in_progress, 0);
-    free(req);
-    pthread_exit(nullptr);
+    return nullptr;
 }
 
 void *run_pcap_request(void *data)
 {
     assert(data && "req");
-    pcap_req *req = static_cast<pcap_req *>(data);
+    unique_heap<pcap_req> req(static_cast<pcap_req *>(data));
+    unique_fd conn(req->fd);
     if (detach_self(req->fd) &&
         stream_http_header(req->fd, "application/octet-stream", "pcapdump.cap") == 0)
         stream_pcap(req->fd, req->duration, req->totalsize);
-    close(req->fd);
-    free(req);
-    pthread_exit(nullptr);
+    return nullptr;
 }
 
 void *run_ps_request(void *data)
 {
     // The descriptor itself is the argument; 0 is a valid one.
-    int fd = static_cast<int>(reinterpret_cast<intptr_t>(data));
+    unique_fd conn(static_cast<int>(reinterpret_cast<intptr_t>(data)));
+    int fd = conn.get();
     if (detach_self(fd) && stream_http_header(fd, "text/plain", "psdump.txt") == 0)
         stream_ps(fd);
-    close(fd);
-    pthread_exit(nullptr);
+    return nullptr;
 }
 
 void *run_rtrace_request(void *data)
 {
     assert(data && "req");
-    rtrace_req *req = static_cast<rtrace_req *>(data);
+    unique_heap<rtrace_req> req(static_cast<rtrace_req *>(data));
+    unique_fd conn(req->fd);
     rtrace_config *config = nullptr;
     if (detach_self(req->fd)) {
         config = rtrace_create(req->fd, req->interval, req->mask);
@@ -472,9 +473,7 @@ void *run_rtrace_request(void *data)
             rtrace_run(config);
     }
     rtrace_destroy(config);
-    close(req->fd);
-    free(req);
-    pthread_exit(nullptr);
+    return nullptr;
 }
 
 void strace_wakeup_handler(int) {}
@@ -482,13 +481,11 @@ void strace_wakeup_handler(int) {}
 void *run_strace_request(void *data)
 {
     assert(data && "req");
-    strace_req *req = static_cast<strace_req *>(data);
+    unique_heap<strace_req> req(static_cast<strace_req *>(data));
+    unique_fd conn(req->fd);
     req->thread = pthread_self();
-    if (!detach_self(req->fd)) {
-        close(req->fd);
-        free(req);
-        pthread_exit(nullptr);
-    }
+    if (!detach_self(req->fd))
+        return nullptr;
 
     // Installed before the watcher exists: its first signal must find it.
     struct sigaction sa = {};
@@ -504,20 +501,18 @@ void *run_strace_request(void *data)
     sigaddset(&usr1, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &usr1, &old);
     pthread_t watcher;
-    int r = pthread_create(&watcher, nullptr, run_strace_watcher, req);
+    int r = pthread_create(&watcher, nullptr, run_strace_watcher, req.get());
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
     if (r != 0) {
         reply_internal_error(req->fd);
-        close(req->fd);
-        free(req);
-        pthread_exit(nullptr);
+        return nullptr;
     }
 
     if (stream_http_header(req->fd, "text/plain", "stracedump.txt") == 0) {
         strace_ctx ctx = {};
         ctx.out = request_module::cb_strace;
         ctx.on_exit = nullptr;
-        ctx.arg = req;
+        ctx.arg = req.get();
         ctx.flags = -1;
         ctx.pids = req->pids;
         ctx.npids = req->npids;
@@ -532,9 +527,7 @@ void *run_strace_request(void *data)
     store(&req->done, 1);
     pthread_kill(watcher, SIGUSR1);
     pthread_join(watcher, nullptr);
-    close(req->fd);
-    free(req);
-    pthread_exit(nullptr);
+    return nullptr;
 }
 
 void *run_strace_watcher(void *data)
@@ -574,11 +567,13 @@ void *run_strace_watcher(void *data)
 
 int handle_request_push(int src_fd, const char *name)
 {
-    if (push_listener_fd == -1) {
-        close(src_fd);
+    unique_fd src(src_fd);
+    if (push_listener_fd == -1)
         return 1;
-    }
-    int listener = push_listener_fd;
+    // Served once: closed below, before the source.
+    unique_fd listener_conn(push_listener_fd);
+    push_listener_fd = -1;
+    int listener = listener_conn.get();
     int result = stream_http_header(listener, "application/octet-stream", name);
     if (result == 0) {
         char buf[2048];
@@ -597,8 +592,5 @@ int handle_request_push(int src_fd, const char *name)
             }
         }
     }
-    close(listener);
-    close(src_fd);
-    push_listener_fd = -1;
     return result;
 }

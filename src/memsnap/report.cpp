@@ -25,7 +25,9 @@ int snap_report_line(char *buf, uint64_t length, const int *tids, int ntids)
     return len;
 }
 
-static char failure[200];
+namespace {
+char failure[200];
+}  // namespace
 
 int snap_fail(const char *fmt, ...)
 {

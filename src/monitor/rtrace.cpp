@@ -20,40 +20,6 @@ static_assert(sizeof(rtrace_apps) == 88, "the running-helpers record is 88 bytes
 
 namespace {
 
-// A heap buffer freed when it goes out of scope.
-class heap_buf {
-public:
-    explicit heap_buf(size_t size, bool zeroed = false)
-        : p_(static_cast<char *>(zeroed ? calloc(1, size) : malloc(size)))
-    {
-    }
-    heap_buf(const heap_buf &) = delete;
-    heap_buf &operator=(const heap_buf &) = delete;
-    ~heap_buf() { free(p_); }
-    char *get() const { return p_; }
-
-private:
-    char *p_;
-};
-
-struct file_closer {
-    FILE *f;
-    ~file_closer()
-    {
-        if (f)
-            fclose(f);
-    }
-};
-
-struct dir_closer {
-    DIR *d;
-    ~dir_closer()
-    {
-        if (d)
-            closedir(d);
-    }
-};
-
 struct helper_row {
     uint32_t item;
     uint32_t type;
@@ -81,12 +47,12 @@ bool write_all(int fd, const void *data, size_t len)
 // rtrace_send_file with the caller's buffer of RTRACE_BUF_SIZE bytes.
 int send_file(int fd, uint32_t type, const char *path, int32_t pid, char *buf)
 {
-    file_closer f{fopen(path, "rb")};
-    if (!f.f)
+    unique_file f(fopen(path, "rb"));
+    if (!f)
         return 1;
     bool sent = false;
     for (;;) {
-        size_t n = fread(buf, 1, RTRACE_BUF_SIZE, f.f);
+        size_t n = fread(buf, 1, RTRACE_BUF_SIZE, f.get());
         if (n == 0)
             break;
         uint32_t len = static_cast<uint32_t>(pid >= 0 ? n + sizeof pid : n);
@@ -155,7 +121,7 @@ int rtrace_write_header(int fd, uint32_t type, uint32_t length, uint8_t flag)
 
 int rtrace_send_file(int fd, uint32_t type, const char *path, int32_t pid)
 {
-    heap_buf buf(RTRACE_BUF_SIZE);
+    unique_heap<char[]> buf = heap_buffer(RTRACE_BUF_SIZE);
     if (!buf.get())
         return 0;
     return send_file(fd, type, path, pid, buf.get());
@@ -164,13 +130,13 @@ int rtrace_send_file(int fd, uint32_t type, const char *path, int32_t pid)
 int rtrace_send_per_pid(int fd, uint32_t type, const char *suffix)
 {
     // One buffer for the whole walk.
-    heap_buf buf(RTRACE_BUF_SIZE);
+    unique_heap<char[]> buf = heap_buffer(RTRACE_BUF_SIZE);
     if (!buf.get())
         return 0;
-    dir_closer d{opendir("/proc")};
-    if (!d.d)
+    unique_dir d(opendir("/proc"));
+    if (!d)
         return 1;
-    while (const dirent *de = readdir(d.d)) {
+    while (const dirent *de = readdir(d.get())) {
         if (de->d_type != DT_DIR || !all_digits(de->d_name))
             continue;
         char path[200];
@@ -191,17 +157,17 @@ int rtrace_send_diskinfo(int fd)
 
 int rtrace_send_diskinfo_from(int fd, const char *mount_table)
 {
-    heap_buf text(RTRACE_BUF_SIZE);
+    unique_heap<char[]> text = heap_buffer(RTRACE_BUF_SIZE);
     if (!text.get())
         return 0;
     size_t len = static_cast<size_t>(
         snprintf(text.get(), RTRACE_BUF_SIZE, "%-20s\tUsed\tAvail\tMounted on\n", "Filesystem"));
 
-    FILE *table = setmntent(mount_table, "r");
-    if (table) {
+    // The table is closed at the end of this block, before anything is sent.
+    if (unique_with<FILE, endmntent> table(setmntent(mount_table, "r")); table) {
         mntent m;
         char strings[4096];
-        while (len < RTRACE_BUF_SIZE && getmntent_r(table, &m, strings, sizeof strings)) {
+        while (len < RTRACE_BUF_SIZE && getmntent_r(table.get(), &m, strings, sizeof strings)) {
             if (network_mount(m))
                 continue;
             struct statfs st;
@@ -220,7 +186,6 @@ int rtrace_send_diskinfo_from(int fd, const char *mount_table)
             if (static_cast<size_t>(n) >= room)
                 break;
         }
-        endmntent(table);
     }
     if (rtrace_write_header(fd, RTRACE_REC_DISKINFO, static_cast<uint32_t>(len), 0) != 0)
         return 0;
@@ -294,7 +259,7 @@ int rtrace_pump_apps(rtrace_config *config, rtrace_apps *apps)
     FD_ZERO(&watched);
     for (int i = 0; i < apps->count; i++)
         FD_SET(apps->pipes[i][0], &watched);
-    heap_buf buf(RTRACE_BUF_SIZE, true);
+    unique_heap<char[]> buf = heap_buffer(RTRACE_BUF_SIZE, true);
     if (!buf.get())
         return 0;
 

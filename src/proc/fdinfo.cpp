@@ -1,5 +1,7 @@
 #include "proc.h"
 
+#include "common.h"
+
 #include <arpa/inet.h>
 #include <ctype.h>
 #include <fcntl.h>
@@ -26,23 +28,6 @@ constexpr tcp_columns tcp6_cols = {6, 39, 44, 77, 82, 139};
 
 // The fgets line size of the table readers.
 constexpr int LINE = 256;
-
-// Closes a stdio stream when it goes out of scope.
-class file_handle {
-public:
-    explicit file_handle(FILE *f) : f_(f) {}
-    file_handle(const file_handle &) = delete;
-    file_handle &operator=(const file_handle &) = delete;
-    ~file_handle()
-    {
-        if (f_)
-            fclose(f_);
-    }
-    FILE *get() const { return f_; }
-
-private:
-    FILE *f_;
-};
 
 // One 8-digit group of a tcp6 address, parsed on its own.
 uint32_t hex_group(const char *at)
@@ -87,8 +72,8 @@ void put_v6_address(appender &out, const uint32_t words[4])
 // Searches one table for inode; -1 when the table is missing or lacks it.
 template <typename F> int search_table(const char *path, F line_fn)
 {
-    file_handle f(fopen(path, "r"));
-    if (!f.get())
+    unique_file f(fopen(path, "r"));
+    if (!f)
         return -1;
     char line[LINE];
     while (fgets(line, sizeof line, f.get())) {

@@ -1,7 +1,7 @@
 #include "proc.h"
 
-#include "archive.h"
 #include "common.h"
+#include "tar.h"
 
 #include <ctype.h>
 #include <dirent.h>
@@ -17,26 +17,6 @@
 int32_t proc_extra_ignore_pid = 0;
 
 namespace {
-
-// Closes a directory stream when it goes out of scope.
-class dir_handle {
-public:
-    explicit dir_handle(DIR *d) : d_(d) {}
-    dir_handle(const dir_handle &) = delete;
-    dir_handle &operator=(const dir_handle &) = delete;
-    ~dir_handle() { reset(); }
-
-    DIR *get() const { return d_; }
-    void reset(DIR *d = nullptr)
-    {
-        if (d_)
-            closedir(d_);
-        d_ = d;
-    }
-
-private:
-    DIR *d_;
-};
 
 // Paths are formatted with "%ld" for the pid; a path that does not fit
 // counts as a formatting failure.
@@ -155,8 +135,8 @@ int proc_get_pidname(int32_t pid, char *buf, size_t size)
 
 int proc_list(int32_t *pids, int capacity, int32_t exclude)
 {
-    dir_handle dir(opendir("/proc/"));
-    if (!dir.get())
+    unique_dir dir(opendir("/proc/"));
+    if (!dir)
         return 0;
     const pid_t self = getpid();
     const pid_t parent = getppid();
@@ -222,8 +202,8 @@ void proc_find_pid_by_name(const char *dir, const char *name, int32_t *pids, int
 {
     *count = 0;
     // A local handle: nothing is gained by sharing it between calls.
-    dir_handle d(opendir(dir));
-    if (!d.get())
+    unique_dir d(opendir(dir));
+    if (!d)
         return;
     while (*count < capacity) {
         const dirent *de = readdir(d.get());
@@ -243,8 +223,8 @@ int proc_fdlist(int32_t pid, int *fds, int capacity)
     char path[64];
     if (!format_pid_path(path, sizeof path, "/proc/%ld/fd", pid))
         return 0;
-    dir_handle d(opendir(path));
-    if (!d.get())
+    unique_dir d(opendir(path));
+    if (!d)
         return 0;
     int count = 0;
     while (const dirent *de = readdir(d.get())) {
@@ -270,8 +250,8 @@ int proc_nr_fd2(int32_t pid, int *nr_sock, int *nr_pipe)
     };
     if (!format_pid_path(path, sizeof path, "/proc/%ld/fd", pid))
         return give_zero();
-    dir_handle d(opendir(path));
-    if (!d.get())
+    unique_dir d(opendir(path));
+    if (!d)
         return give_zero();
 
     int restarts = 0;
@@ -292,7 +272,7 @@ int proc_nr_fd2(int32_t pid, int *nr_sock, int *nr_pipe)
             // The descriptor closed meanwhile: read the directory again from
             // the start, keeping the counts (entries may be counted twice).
             d.reset(opendir(path));
-            if (!d.get())
+            if (!d)
                 return give_zero();
             continue;
         }

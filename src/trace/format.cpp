@@ -3,6 +3,7 @@
 // here.
 #include "trace.h"
 
+#include "common.h"
 #include "proc.h"
 
 #include <ctype.h>
@@ -233,12 +234,14 @@ int strace_format_timespec(int pid, char *buf, int size, unsigned long addr, int
     return o.pos;
 }
 
+namespace {
 // "%lu, %lu, %lu, %lu, %lu, %lu)": the arguments of a call without a formatter.
-static void raw_args(fmt_buf &o, unsigned long a1, unsigned long a2, unsigned long a3,
-                     unsigned long a4, unsigned long a5, unsigned long a6)
+void raw_args(fmt_buf &o, unsigned long a1, unsigned long a2, unsigned long a3,
+              unsigned long a4, unsigned long a5, unsigned long a6)
 {
     o.u(a1).s(", ").u(a2).s(", ").u(a3).s(", ").u(a4).s(", ").u(a5).s(", ").u(a6).s(")");
 }
+}  // namespace
 
 int strace_format_sockcall(int pid, char *buf, int size, int subcall, unsigned long a1,
                            unsigned long a2, unsigned long a3, unsigned long a4,
@@ -297,7 +300,9 @@ int strace_format_sockcall(int pid, char *buf, int size, int subcall, unsigned l
     return o.pos;
 }
 
-static const char *ptrace_request_name(unsigned long req)
+namespace {
+
+const char *ptrace_request_name(unsigned long req)
 {
     switch (req) {
     case PTRACE_PEEKTEXT: return "PTRACE_PEEKTEXT";
@@ -312,163 +317,230 @@ static const char *ptrace_request_name(unsigned long req)
     }
 }
 
-int strace_format_syscall(strace_ctx *ctx, int entry, const char *name, int pid,
+// One call's arguments on their way into the line: a1..a6 are a[0]..a[5].
+struct call_args {
+    fmt_buf &o;
+    int pid;
+    const trace_reader *rd;
+    const unsigned long *a;
+    long result;
+    int entry;
+
+    long d(int k) const { return static_cast<long>(a[k]); }
+    // A descriptor with its /proc description.
+    void fd(unsigned long v)
+    {
+        o.added(strace_format_fd(pid, o.at(), static_cast<int>(o.room()), static_cast<int>(v), rd));
+    }
+    // A quoted tracee string of n bytes (-1: up to its NUL).
+    void str(unsigned long addr, long n)
+    {
+        o.added(strace_format_string(pid, o.at(), static_cast<int>(o.room()), addr, n, rd));
+    }
+    void sock(int sub, const unsigned long *b)
+    {
+        o.added(strace_format_sockcall(pid, o.at(), static_cast<int>(o.room()), sub, b[0], b[1],
+                                       b[2], b[3], b[4], b[5], rd));
+    }
+};
+
+// Calls on a descriptor.  False when kind is none of them.
+bool descriptor_args(call_args &c, int kind)
+{
+    fmt_buf &o = c.o;
+    switch (kind) {
+    case SF_READ:
+        c.fd(c.a[0]);
+        o.s(", ");
+        if (!c.entry && c.result > 0)
+            c.str(c.a[1], c.result);
+        else
+            o.s("0x").x(c.a[1]);
+        o.s(", ").d(c.d(2)).s(")");
+        return true;
+    case SF_WRITE:
+        c.fd(c.a[0]);
+        o.s(", ");
+        c.str(c.a[1], c.d(2));
+        o.s(", ").d(c.d(2)).s(")");
+        return true;
+    case SF_CLOSE:
+        c.fd(c.a[0]);
+        o.s(")");
+        return true;
+    case SF_LSEEK:
+        c.fd(c.a[0]);
+        o.s(", ").d(c.d(1)).s(", ").d(c.d(2)).s(")");
+        return true;
+    case SF_IOCTL:
+        c.fd(c.a[0]);
+        o.s(", ").d(c.d(1)).s(", ").x(c.a[2]).s(", ").x(c.a[3]).s(", ").x(c.a[4]);
+        o.s(", ").x(c.a[5]).s(")");
+        return true;
+    case SF_FSTAT:
+        c.fd(c.a[0]);
+        o.s(", 0x").x(c.a[1]).s(")");
+        return true;
+    default:
+        return false;
+    }
+}
+
+// Calls on a path.  False when kind is none of them.
+bool path_args(call_args &c, int kind)
+{
+    fmt_buf &o = c.o;
+    switch (kind) {
+    case SF_OPEN:
+        c.str(c.a[0], -1);
+        o.s(", ").d(c.d(1)).s(", ").d(c.d(2)).s(")");
+        return true;
+    case SF_OPENAT:
+        if (static_cast<int>(c.a[0]) == AT_FDCWD)
+            o.s("AT_FDCWD");
+        else
+            c.fd(c.a[0]);
+        o.s(", ");
+        c.str(c.a[1], -1);
+        o.s(", ").d(c.d(2)).s(", ").d(c.d(3)).s(")");
+        return true;
+    case SF_ACCESS:
+        c.str(c.a[0], -1);
+        o.s(", 0x").x(static_cast<unsigned>(c.a[1])).s(")");
+        return true;
+    case SF_STAT:
+        c.str(c.a[0], -1);
+        o.s(", 0x").x(c.a[1]).s(")");
+        return true;
+    default:
+        return false;
+    }
+}
+
+// Calls on memory and addresses.  False when kind is none of them.
+bool memory_args(call_args &c, int kind)
+{
+    fmt_buf &o = c.o;
+    switch (kind) {
+    case SF_TIME:
+    case SF_BRK:
+        o.s("0x").x(c.a[0]).s(")");
+        return true;
+    case SF_MMAP:
+        o.s("0x").x(c.a[0]).s(", ").u(c.a[1]).s(", 0x").x(c.a[2]).s(", 0x").x(c.a[3]).s(", ");
+        c.fd(c.a[4]);
+        o.s(", ").u(c.a[5]).s(")");
+        return true;
+    case SF_MUNMAP:
+        o.s("0x").x(c.a[0]).s(", ").u(c.a[1]).s(")");
+        return true;
+    case SF_TIMEOFDAY:
+        o.s("0x").x(c.a[0]).s(", 0x").x(c.a[1]).s(")");
+        return true;
+    case SF_POLL:
+        o.s("0x").x(c.a[0]).s(", ").d(c.d(1)).s(", ").d(c.d(2)).s(")");
+        return true;
+    default:
+        return false;
+    }
+}
+
+// Calls on processes and time.  False when kind is none of them.
+bool process_args(call_args &c, int kind)
+{
+    fmt_buf &o = c.o;
+    switch (kind) {
+    case SF_WAITPID:
+        // Decimal behind "0x", as it has always been printed.
+        o.s("0x").d(c.d(0)).s(", 0x").x(c.a[1]).s(", ").d(c.d(2));
+        o.s(")");
+        return true;
+    case SF_PTRACE: {
+        const char *req = ptrace_request_name(c.a[0]);
+        if (req)
+            o.s(req);
+        else
+            o.d(c.d(0));
+        o.s(", ").u(c.a[1]).s(", 0x").x(c.a[2]).s(", 0x").x(c.a[3]).s(")");
+        return true;
+    }
+    case SF_NANOSLEEP:
+        o.added(strace_format_timespec(c.pid, o.at(), static_cast<int>(o.room()), c.a[0], 1, c.rd));
+        o.added(strace_format_timespec(c.pid, o.at(), static_cast<int>(o.room()), c.a[1], 0, c.rd));
+        return true;
+    default:
+        return false;
+    }
+}
+
+// exit and exit_group: the code, then the exit notice, which may list
+// descriptors through the same buffer: the line is kept intact across it.
+void exit_args(strace_ctx *ctx, call_args &c, char *buf, int size, unsigned long *block)
+{
+    fmt_buf &o = c.o;
+    o.d(c.d(0)).s(")");
+    if (!ctx)
+        return;
+    int len = o.pos < size ? o.pos : size - 1;
+    unique_heap<char[]> save;
+    if (len > 0)
+        save = heap_buffer(static_cast<size_t>(len));
+    if (save)
+        memcpy(save.get(), buf, static_cast<size_t>(len));
+    strace_exit(ctx, c.pid, 2, static_cast<int>(c.a[0]), block);
+    if (save) {
+        memcpy(buf, save.get(), static_cast<size_t>(len));
+        buf[len] = '\0';
+    }
+}
+
+// The argument words of a socketcall.  Asks /proc/PID/mem for each with the
+// block address as the length and 4 as the offset: the reads fail and every
+// place keeps the socketcall's own register value.  At most one word is taken.
+void socketcall_places(int pid, const unsigned long *a, unsigned long *place,
+                       const trace_reader *rd)
+{
+    for (int k = 0; k < 6; k++) {
+        unsigned len = static_cast<unsigned>(a[1]);
+        if (len > sizeof place[k])
+            len = sizeof place[k];
+        rd->mem_pread(rd->arg, pid, &place[k], len, 4);
+    }
+}
+
+}  // namespace
+
+int strace_format_syscall(strace_ctx *ctx, int entry, const strace_call &call, int pid,
                           const char *procname, char *buf, int size, unsigned long *block,
                           const trace_reader *rd)
 {
+    const char *name = call.name;
+    const int kind = call.kind;
+    const int subcall = call.subcall;
     fmt_buf o = {buf, size, 0};
-    unsigned long a1 = block[SA_A1], a2 = block[SA_A2], a3 = block[SA_A3];
-    unsigned long a4 = block[SA_A4], a5 = block[SA_A5], a6 = block[SA_A6];
+    const unsigned long a[6] = {block[SA_A1], block[SA_A2], block[SA_A3],
+                                block[SA_A4], block[SA_A5], block[SA_A6]};
     long result = static_cast<long>(block[SA_RESULT]);
-    int subcall = 0;
-    int kind = arch_call_format(block[SA_NR], &subcall);
+    call_args c = {o, pid, rd, a, result, entry};
 
-    auto fd = [&](unsigned long v) {
-        o.added(strace_format_fd(pid, o.at(), static_cast<int>(o.room()), static_cast<int>(v), rd));
-    };
-    auto str = [&](unsigned long addr, long n) {
-        o.added(strace_format_string(pid, o.at(), static_cast<int>(o.room()), addr, n, rd));
-    };
-    auto sock = [&](int sub, unsigned long b1, unsigned long b2, unsigned long b3,
-                    unsigned long b4, unsigned long b5, unsigned long b6) {
-        o.added(strace_format_sockcall(pid, o.at(), static_cast<int>(o.room()), sub, b1, b2, b3,
-                                       b4, b5, b6, rd));
-    };
-
-    unsigned long place[6] = {a1, a2, a3, a4, a5, a6};
+    unsigned long place[6] = {a[0], a[1], a[2], a[3], a[4], a[5]};
     if (kind == SF_SOCKETCALL) {
-        name = socketcall_names[a1 & 31];
-        // Asks /proc/PID/mem for each argument word with the block address as
-        // the length and 4 as the offset: the reads fail and every place keeps
-        // the socketcall's own register value.  At most one word is taken.
-        for (int k = 0; k < 6; k++) {
-            unsigned len = static_cast<unsigned>(a2);
-            if (len > sizeof place[k])
-                len = sizeof place[k];
-            rd->mem_pread(rd->arg, pid, &place[k], len, 4);
-        }
+        name = socketcall_names[a[0] & 31];
+        socketcall_places(pid, a, place, rd);
     }
 
     o.s("[").d(pid).s(" ").s(procname).s("] [").x(block[SA_PC]).s(" ").x(block[SA_RA]);
     o.s("] ").s(name ? name : "(null)").s("(");
 
-    switch (kind) {
-    case SF_EXIT:
-        o.d(static_cast<long>(a1)).s(")");
-        if (ctx) {
-            // The exit notice may list descriptors through the same buffer:
-            // keep this line intact across it.
-            int len = o.pos < size ? o.pos : size - 1;
-            char *save = len > 0 ? static_cast<char *>(malloc(static_cast<size_t>(len))) : nullptr;
-            if (save)
-                memcpy(save, buf, static_cast<size_t>(len));
-            strace_exit(ctx, pid, 2, static_cast<int>(a1), block);
-            if (save) {
-                memcpy(buf, save, static_cast<size_t>(len));
-                buf[len] = '\0';
-                free(save);
-            }
-        }
-        break;
-    case SF_READ:
-        fd(a1);
-        o.s(", ");
-        if (!entry && result > 0)
-            str(a2, result);
-        else
-            o.s("0x").x(a2);
-        o.s(", ").d(static_cast<long>(a3)).s(")");
-        break;
-    case SF_WRITE:
-        fd(a1);
-        o.s(", ");
-        str(a2, static_cast<long>(a3));
-        o.s(", ").d(static_cast<long>(a3)).s(")");
-        break;
-    case SF_OPEN:
-        str(a1, -1);
-        o.s(", ").d(static_cast<long>(a2)).s(", ").d(static_cast<long>(a3)).s(")");
-        break;
-    case SF_OPENAT:
-        if (static_cast<int>(a1) == AT_FDCWD)
-            o.s("AT_FDCWD");
-        else
-            fd(a1);
-        o.s(", ");
-        str(a2, -1);
-        o.s(", ").d(static_cast<long>(a3)).s(", ").d(static_cast<long>(a4)).s(")");
-        break;
-    case SF_CLOSE:
-        fd(a1);
-        o.s(")");
-        break;
-    case SF_WAITPID:
-        // Decimal behind "0x", as it has always been printed.
-        o.s("0x").d(static_cast<long>(a1)).s(", 0x").x(a2).s(", ").d(static_cast<long>(a3));
-        o.s(")");
-        break;
-    case SF_TIME:
-    case SF_BRK:
-        o.s("0x").x(a1).s(")");
-        break;
-    case SF_LSEEK:
-        fd(a1);
-        o.s(", ").d(static_cast<long>(a2)).s(", ").d(static_cast<long>(a3)).s(")");
-        break;
-    case SF_PTRACE: {
-        const char *req = ptrace_request_name(a1);
-        if (req)
-            o.s(req);
-        else
-            o.d(static_cast<long>(a1));
-        o.s(", ").u(a2).s(", 0x").x(a3).s(", 0x").x(a4).s(")");
-        break;
-    }
-    case SF_ACCESS:
-        str(a1, -1);
-        o.s(", 0x").x(static_cast<unsigned>(a2)).s(")");
-        break;
-    case SF_IOCTL:
-        fd(a1);
-        o.s(", ").d(static_cast<long>(a2)).s(", ").x(a3).s(", ").x(a4).s(", ").x(a5);
-        o.s(", ").x(a6).s(")");
-        break;
-    case SF_TIMEOFDAY:
-        o.s("0x").x(a1).s(", 0x").x(a2).s(")");
-        break;
-    case SF_MMAP:
-        o.s("0x").x(a1).s(", ").u(a2).s(", 0x").x(a3).s(", 0x").x(a4).s(", ");
-        fd(a5);
-        o.s(", ").u(a6).s(")");
-        break;
-    case SF_MUNMAP:
-        o.s("0x").x(a1).s(", ").u(a2).s(")");
-        break;
-    case SF_SOCKETCALL:
-        sock(static_cast<int>(a1), place[0], place[1], place[2], place[3], place[4], place[5]);
-        break;
-    case SF_STAT:
-        str(a1, -1);
-        o.s(", 0x").x(a2).s(")");
-        break;
-    case SF_FSTAT:
-        fd(a1);
-        o.s(", 0x").x(a2).s(")");
-        break;
-    case SF_NANOSLEEP:
-        o.added(strace_format_timespec(pid, o.at(), static_cast<int>(o.room()), a1, 1, rd));
-        o.added(strace_format_timespec(pid, o.at(), static_cast<int>(o.room()), a2, 0, rd));
-        break;
-    case SF_POLL:
-        o.s("0x").x(a1).s(", ").d(static_cast<long>(a2)).s(", ").d(static_cast<long>(a3)).s(")");
-        break;
-    case SF_SOCK:
-        sock(subcall, a1, a2, a3, a4, a5, a6);
-        break;
-    default:
-        raw_args(o, a1, a2, a3, a4, a5, a6);
-        break;
-    }
+    if (kind == SF_EXIT)
+        exit_args(ctx, c, buf, size, block);
+    else if (kind == SF_SOCKETCALL)
+        c.sock(static_cast<int>(a[0]), place);
+    else if (kind == SF_SOCK)
+        c.sock(subcall, a);
+    else if (!descriptor_args(c, kind) && !path_args(c, kind) && !memory_args(c, kind) &&
+             !process_args(c, kind))
+        raw_args(o, a[0], a[1], a[2], a[3], a[4], a[5]);
 
     if (entry)
         return o.pos;
@@ -479,10 +551,10 @@ int strace_format_syscall(strace_ctx *ctx, int entry, const char *name, int pid,
     return o.pos;
 }
 
-int arch_print_syscall(strace_ctx *ctx, const char *name, int pid, const char *procname,
+int arch_print_syscall(strace_ctx *ctx, const strace_call &call, int pid, const char *procname,
                        char *buf, int size, unsigned long *block, const trace_reader *rd)
 {
-    int n = strace_format_syscall(ctx, 1, name, pid, procname, buf, size, block, rd);
+    int n = strace_format_syscall(ctx, 1, call, pid, procname, buf, size, block, rd);
     if (size > n + 2) {
         buf[n++] = '\n';
         buf[n] = '\0';
@@ -490,8 +562,9 @@ int arch_print_syscall(strace_ctx *ctx, const char *name, int pid, const char *p
     return n;
 }
 
-int arch_print_syscall_ret(strace_ctx *ctx, const char *name, int pid, const char *procname,
-                           char *buf, int size, unsigned long *block, const trace_reader *rd)
+int arch_print_syscall_ret(strace_ctx *ctx, const strace_call &call, int pid,
+                           const char *procname, char *buf, int size, unsigned long *block,
+                           const trace_reader *rd)
 {
-    return strace_format_syscall(ctx, 0, name, pid, procname, buf, size, block, rd);
+    return strace_format_syscall(ctx, 0, call, pid, procname, buf, size, block, rd);
 }

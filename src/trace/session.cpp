@@ -51,9 +51,9 @@ void trace_detach_sig(int pid, int sig)
             return;
         options = 0;
         // On EINVAL the status of the previous pass is looked at again.
-        if ((status & 0xff) != 0x7f)
+        if (!WIFSTOPPED(status))
             return;
-        int stopsig = (status >> 8) & 0xff;
+        int stopsig = WSTOPSIG(status);
         if (stopsig == SIGSTOP) {
             ptrace(PT(PTRACE_DETACH), pid, nullptr, reinterpret_cast<void *>(sigarg));
             return;
@@ -80,7 +80,8 @@ int trace_setoptions(int pid, int options)
     return static_cast<int>(r);
 }
 
-static int resume(int req, const char *msg, int pid, int sig)
+namespace {
+int resume(int req, const char *msg, int pid, int sig)
 {
     long sigarg = sig;
     long r = -1;
@@ -92,6 +93,7 @@ static int resume(int req, const char *msg, int pid, int sig)
     }
     return static_cast<int>(r);
 }
+}  // namespace
 
 int trace_syscall(int pid, int sig)
 {

@@ -50,13 +50,17 @@ int strace_find_pid(int pid, const int32_t *pids, int n)
     return -1;
 }
 
-static const char *rec_name(strace_ctx *ctx, int pid)
+namespace {
+
+const char *rec_name(strace_ctx *ctx, int pid)
 {
     int i = strace_find_pid(pid, ctx->pids, ctx->npids);
     if (i < 0 || !ctx->pidrecs || !*ctx->pidrecs)
         return "";
     return (*ctx->pidrecs)[i].name;
 }
+
+}  // namespace
 
 int strace_list_fds(strace_ctx *ctx, int pid)
 {
@@ -95,9 +99,13 @@ void strace_exit(strace_ctx *ctx, int pid, int kind, int code, const unsigned lo
         ctx->on_exit(ctx, ctx->arg, pid, kind, code, regs);
 }
 
-static const char *const signal_names[] = {
+namespace {
+
+const char *const signal_names[] = {
 #include "signal_names.inc"
 };
+
+}  // namespace
 
 const char *signal_map_sig2name(int sig)
 {
@@ -106,9 +114,11 @@ const char *signal_map_sig2name(int sig)
     return signal_names[sig - 1];
 }
 
+namespace {
+
 // Short name of a traced process from its command line (the part after the
 // last '/').
-static void read_name(strace_pid_rec *rec, int pid)
+void read_name(strace_pid_rec *rec, int pid)
 {
     char path[30];
     snprintf(path, sizeof path, "/proc/%d/cmdline", pid);
@@ -143,7 +153,7 @@ struct fd_dirs {
     static constexpr int max_open = 16;
 };
 
-static int dir_fdinfo(void *arg, int pid, int fd, char *buf, int size)
+int dir_fdinfo(void *arg, int pid, int fd, char *buf, int size)
 {
     fd_dirs *d = static_cast<fd_dirs *>(arg);
     int i = strace_find_pid(pid, d->ctx->pids, d->ctx->npids);
@@ -160,7 +170,7 @@ static int dir_fdinfo(void *arg, int pid, int fd, char *buf, int size)
     return proc_fdinfo_lookup(pid, fd, buf, static_cast<size_t>(size));
 }
 
-static void forget_dir(fd_dirs *d, int i)
+void forget_dir(fd_dirs *d, int i)
 {
     if (!d->dirfd)
         return;
@@ -171,12 +181,12 @@ static void forget_dir(fd_dirs *d, int i)
     d->dirfd[i] = -1;
 }
 
-static int poll_out(strace_ctx *ctx)
+int poll_out(strace_ctx *ctx)
 {
     return ctx->out ? ctx->out(ctx->arg, ctx->buf, 0) : 1;
 }
 
-static void drop(strace_ctx *ctx, fd_dirs *dirs, int i, int pid)
+void drop(strace_ctx *ctx, fd_dirs *dirs, int i, int pid)
 {
     printf("WARNING: ptrace SYSCALL failed! %d\n", pid);
     trace_detach(pid);
@@ -184,41 +194,29 @@ static void drop(strace_ctx *ctx, fd_dirs *dirs, int i, int pid)
     forget_dir(dirs, i);
 }
 
-void do_strace(strace_ctx *ctx)
+// Bits 9 and 10 of a stop's wait status, inside its stop signal: the test
+// that has always picked out the exit event.  SIGTRAP (5) sets bit 10 itself,
+// so every plain SIGTRAP stop passes it and is reported as an exit (and
+// resumed with the signal); the test stays as it is because the trace's text
+// depends on it.
+constexpr int EXIT_EVENT_BITS = 0x600;
+
+// One trace: the caller's parameters, the per-pid records, the descriptor
+// directories and the reader the decoders use.
+struct trace_state {
+    strace_ctx *ctx;
+    strace_pid_rec *recs;
+    fd_dirs *dirs;
+    const trace_reader *rd;
+    int active;  // pids still traced
+};
+
+// Attaches every listed pid (or, for children, only sets them up) and
+// starts it towards its next system call.  The number now traced.
+int attach_all(trace_state *t)
 {
-    strace_pid_rec *recs = nullptr;
-    ctx->pidrecs = &recs;
-    char duration_text[20];
-    char *timer_argv[] = {const_cast<char *>("/bin/sleep"), duration_text, nullptr};
-
-    int nrecs = ctx->npids > 0 ? ctx->npids + 1 : 1;
-    recs = static_cast<strace_pid_rec *>(calloc(static_cast<size_t>(nrecs), sizeof *recs));
-    if (!recs)
-        return;
-    // Without room for the directory cache descriptions take the path.
-    fd_dirs dirs = {ctx, static_cast<int *>(malloc(static_cast<size_t>(nrecs) * sizeof(int))), 0};
-    if (dirs.dirfd)
-        for (int i = 0; i < nrecs; i++)
-            dirs.dirfd[i] = -2;
-    trace_reader rd = trace_ptrace_reader;
-    if (dirs.dirfd) {
-        rd.arg = &dirs;
-        rd.fdinfo = dir_fdinfo;
-    }
-
-    pthread_mutex_lock(&strace_lock);
+    strace_ctx *ctx = t->ctx;
     int active = 0;
-    int timer = -1;
-    int last = 0;
-    if (!ctx->buf || ctx->bufsize == 0) {
-        ctx->bufsize = 4096;
-        ctx->buf = static_cast<char *>(malloc(4096));
-        if (!ctx->buf)
-            goto out;
-    }
-    if (ctx->npids < 1)
-        goto out;
-
     for (int i = 0; i < ctx->npids; i++) {
         int pid = ctx->pids[i];
         if (pid == -1)
@@ -227,25 +225,80 @@ void do_strace(strace_ctx *ctx)
             ctx->pids[i] = -1;
             continue;
         }
-        if (dirs.dirfd)
-            dirs.dirfd[i] = -1;
+        if (t->dirs->dirfd)
+            t->dirs->dirfd[i] = -1;
         trace_setoptions(pid, (ctx->flags & STRACE_F_EXIT)
                                   ? PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACEEXIT
                                   : PTRACE_O_TRACESYSGOOD);
         if (trace_syscall(pid, 0) == -1)
-            drop(ctx, &dirs, i, pid);
+            drop(ctx, t->dirs, i, pid);
         else
             active++;
-        read_name(&recs[i], ctx->pids[i]);
+        read_name(&t->recs[i], ctx->pids[i]);
     }
-    if (active == 0)
-        goto out;
+    return active;
+}
 
-    if (ctx->duration > 0) {
-        snprintf(duration_text, sizeof duration_text, "%d", ctx->duration);
-        timer = sys_run_nowait("/bin/sleep", timer_argv, 0, 1, 2, 0);
+// A system-call stop of pid w: its entry or return decoded into the text
+// buffer and sent out.
+void report_syscall(trace_state *t, strace_pid_rec *rec, int w)
+{
+    strace_ctx *ctx = t->ctx;
+    int n;
+    if (rec->state & 1) {
+        n = arch_dec_syscall_ret(ctx, w, rec->name, ctx->buf, ctx->bufsize, &rec->regs,
+                                 &rec->ret, t->rd);
+        if (n != 0)
+            rec->state &= static_cast<uint8_t>(~1u);
+    } else {
+        n = arch_dec_syscall(ctx, w, rec->name, ctx->buf, ctx->bufsize, &rec->regs, t->rd);
+        if (n != -1)
+            rec->state |= 1;
+        else
+            n = arch_dec_syscall_ret(ctx, w, rec->name, ctx->buf, ctx->bufsize, &rec->regs,
+                                     &rec->ret, t->rd) -
+                1;
     }
+    if (n < 0)
+        n = 0;
+    // Only what is in the buffer goes out.
+    if (n > ctx->bufsize - 1)
+        n = ctx->bufsize - 1;
+    if (ctx->out)
+        ctx->out(ctx->arg, ctx->buf, n);
+}
 
+// A stop of traced pid w (entry i): reported, then the pid resumed.
+void handle_stop(trace_state *t, int i, int w, int status)
+{
+    strace_ctx *ctx = t->ctx;
+    strace_pid_rec *rec = &t->recs[i];
+    int sig = WSTOPSIG(status);
+    int r;
+    if (sig == (SIGTRAP | 0x80)) {
+        if (ctx->flags & STRACE_F_CALLS)
+            report_syscall(t, rec, w);
+        r = trace_syscall(w, 0);
+    } else if (sig == SIGTRAP && (status & EXIT_EVENT_BITS)) {
+        strace_exit(ctx, w, 1, 0, nullptr);
+        r = trace_syscall(w, SIGTRAP);
+    } else {
+        if (ctx->flags & STRACE_F_SIGNALS)
+            strace_printf(ctx, "\n[%d %s] ---  SIGNAL %d %s ---\n\n", w, rec->name, sig,
+                          signal_map_sig2name(sig));
+        r = trace_syscall(w, sig);
+    }
+    if (r == -1)
+        drop(ctx, t->dirs, i, w);
+}
+
+// Waits for the traced processes until the output callback, the last exit,
+// the end of all children or the timer ends the trace.  The last waitpid
+// result.
+int follow(trace_state *t, int timer)
+{
+    strace_ctx *ctx = t->ctx;
+    int last = 0;
     for (int running = 1; running;) {
         int status = 0;
         int w = waitpid(-1, &status, 0);
@@ -260,81 +313,39 @@ void do_strace(strace_ctx *ctx)
                 running = poll_out(ctx);
             continue;
         }
+        // The timer has ended, and been reaped by this wait.
         if (timer != -1 && w == timer)
-            goto detach;
+            break;
         int i = strace_find_pid(w, ctx->pids, ctx->npids);
         if (i >= ctx->npids)
             printf("pid=%d i=%d, nr_pids=%d\n", w, i, ctx->npids);
         if (i < 0)
             continue;
-        strace_pid_rec *rec = &recs[i];
 
-        if ((status & 0x7f) == 0) {
+        if (WIFEXITED(status)) {
             ctx->pids[i] = -1;
-            forget_dir(&dirs, i);
-            if (--active == 0)
+            forget_dir(t->dirs, i);
+            if (--t->active == 0)
                 break;
             continue;
         }
-        if (((signed char)((status & 0x7f) + 1) >> 1) > 0) {
+        if (WIFSIGNALED(status)) {
             // Killed: the loop ends with ECHILD (or the timer), not here.
             ctx->pids[i] = -1;
-            forget_dir(&dirs, i);
-            active--;
+            forget_dir(t->dirs, i);
+            t->active--;
             continue;
         }
-        if ((status & 0xff) != 0x7f)
-            continue;
-
-        int sig = (status >> 8) & 0xff;
-        int r;
-        if (sig == (SIGTRAP | 0x80)) {
-            if (ctx->flags & STRACE_F_CALLS) {
-                int n;
-                if (rec->state & 1) {
-                    n = arch_dec_syscall_ret(ctx, w, rec->name, ctx->buf, ctx->bufsize,
-                                             &rec->regs, &rec->ret, &rd);
-                    if (n != 0)
-                        rec->state &= static_cast<uint8_t>(~1u);
-                } else {
-                    n = arch_dec_syscall(ctx, w, rec->name, ctx->buf, ctx->bufsize, &rec->regs,
-                                         &rd);
-                    if (n != -1)
-                        rec->state |= 1;
-                    else
-                        n = arch_dec_syscall_ret(ctx, w, rec->name, ctx->buf, ctx->bufsize,
-                                                 &rec->regs, &rec->ret, &rd) -
-                            1;
-                }
-                if (n < 0)
-                    n = 0;
-                // Only what is in the buffer goes out.
-                if (n > ctx->bufsize - 1)
-                    n = ctx->bufsize - 1;
-                if (ctx->out)
-                    ctx->out(ctx->arg, ctx->buf, n);
-            }
-            r = trace_syscall(w, 0);
-        } else if (sig == SIGTRAP && (status & 0x600)) {
-            // Every plain SIGTRAP stop is taken as the exit event.
-            strace_exit(ctx, w, 1, 0, nullptr);
-            r = trace_syscall(w, SIGTRAP);
-        } else {
-            if (ctx->flags & STRACE_F_SIGNALS)
-                strace_printf(ctx, "\n[%d %s] ---  SIGNAL %d %s ---\n\n", w, rec->name, sig,
-                              signal_map_sig2name(sig));
-            r = trace_syscall(w, sig);
-        }
-        if (r == -1)
-            drop(ctx, &dirs, i, w);
+        if (WIFSTOPPED(status))
+            handle_stop(t, i, w, status);
     }
+    return last;
+}
 
-    if (timer != -1 && last != timer) {
-        int status;
-        kill(timer, SIGINT);
-        waitpid(timer, &status, 0);
-    }
-detach:
+// Lets every process still traced run on, after listing its descriptors
+// when asked.
+void detach_all(strace_ctx *ctx)
+{
     for (int i = 0; i < ctx->npids; i++) {
         int pid = ctx->pids[i];
         if (pid == -1)
@@ -343,13 +354,74 @@ detach:
             strace_list_fds(ctx, pid);
         trace_detach(pid);
     }
-out:
+}
+
+// The trace itself, with strace_lock held: attach, follow, detach.
+void trace_locked(trace_state *t)
+{
+    strace_ctx *ctx = t->ctx;
+    if (!ctx->buf || ctx->bufsize == 0) {
+        ctx->bufsize = 4096;
+        ctx->buf = static_cast<char *>(malloc(4096));
+        if (!ctx->buf)
+            return;
+    }
+    if (ctx->npids < 1)
+        return;
+    t->active = attach_all(t);
+    if (t->active == 0)
+        return;
+
+    int timer = -1;
+    if (ctx->duration > 0) {
+        char duration_text[20];
+        char *timer_argv[] = {const_cast<char *>("/bin/sleep"), duration_text, nullptr};
+        snprintf(duration_text, sizeof duration_text, "%d", ctx->duration);
+        timer = sys_run_nowait("/bin/sleep", timer_argv, 0, 1, 2, 0);
+    }
+    int last = follow(t, timer);
+    if (timer != -1 && last != timer) {
+        int status;
+        kill(timer, SIGINT);
+        waitpid(timer, &status, 0);
+    }
+    detach_all(ctx);
+}
+
+}  // namespace
+
+void do_strace(strace_ctx *ctx)
+{
+    strace_pid_rec *recs = nullptr;
+    ctx->pidrecs = &recs;
+
+    int nrecs = ctx->npids > 0 ? ctx->npids + 1 : 1;
+    unique_heap<strace_pid_rec[]> rec_table(
+        static_cast<strace_pid_rec *>(calloc(static_cast<size_t>(nrecs), sizeof *recs)));
+    recs = rec_table.get();
+    if (!recs)
+        return;
+    // Without room for the directory cache descriptions take the path.
+    unique_heap<int[]> dirfd(static_cast<int *>(malloc(static_cast<size_t>(nrecs) * sizeof(int))));
+    fd_dirs dirs = {ctx, dirfd.get(), 0};
+    if (dirs.dirfd)
+        for (int i = 0; i < nrecs; i++)
+            dirs.dirfd[i] = -2;
+    trace_reader rd = trace_ptrace_reader;
+    if (dirs.dirfd) {
+        rd.arg = &dirs;
+        rd.fdinfo = dir_fdinfo;
+    }
+
+    trace_state t = {ctx, recs, &dirs, &rd, 0};
+    pthread_mutex_lock(&strace_lock);
+    trace_locked(&t);
     pthread_mutex_unlock(&strace_lock);
+
     for (int i = 0; dirs.dirfd && i < nrecs; i++)
         forget_dir(&dirs, i);
-    free(dirs.dirfd);
+    // The text buffer, the caller's too, ends with the trace.
     free(ctx->buf);
     ctx->buf = nullptr;
-    free(recs);
     ctx->pidrecs = nullptr;
 }

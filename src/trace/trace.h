@@ -127,11 +127,22 @@ int arch_dec_syscall(strace_ctx *ctx, int pid, const char *procname, char *buf, 
 int arch_dec_syscall_ret(strace_ctx *ctx, int pid, const char *procname, char *buf, int size,
                          strace_regs *r, strace_regs *ret,
                          const trace_reader *rd = &trace_ptrace_reader);
-int arch_print_syscall(strace_ctx *ctx, const char *name, int pid, const char *procname,
+
+// A call as the printers take it: its name and how its arguments are printed
+// (a strace_fmt; for SF_SOCK also the socket call's number).
+struct strace_call {
+    const char *name;
+    int kind;
+    int subcall;
+};
+// The architecture's call nr (within the name table) for the printers.
+strace_call arch_call(unsigned long nr);
+
+int arch_print_syscall(strace_ctx *ctx, const strace_call &call, int pid, const char *procname,
                        char *buf, int size, unsigned long *block,
                        const trace_reader *rd = &trace_ptrace_reader);
-int arch_print_syscall_ret(strace_ctx *ctx, const char *name, int pid, const char *procname,
-                           char *buf, int size, unsigned long *block,
+int arch_print_syscall_ret(strace_ctx *ctx, const strace_call &call, int pid,
+                           const char *procname, char *buf, int size, unsigned long *block,
                            const trace_reader *rd = &trace_ptrace_reader);
 void arch_writeback_sc(int pid, unsigned long *block,
                        const trace_reader *rd = &trace_ptrace_reader);
@@ -148,7 +159,7 @@ int arch_call_format(unsigned long nr, int *subcall);
 
 // Every formatter appends at buf, writes at most size bytes and returns the
 // number of characters it produced, as snprintf counts them.
-int strace_format_syscall(strace_ctx *ctx, int entry, const char *name, int pid,
+int strace_format_syscall(strace_ctx *ctx, int entry, const strace_call &call, int pid,
                           const char *procname, char *buf, int size, unsigned long *block,
                           const trace_reader *rd = &trace_ptrace_reader);
 int strace_format_sockcall(int pid, char *buf, int size, int subcall, unsigned long a1,

@@ -6,7 +6,7 @@
 //
 // Usage: tar_sample [PREFIX]      (no argument: no prefix at all)
 
-#include "archive.h"
+#include "tar.h"
 
 #include "common.h"
 

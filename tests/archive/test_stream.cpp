@@ -1,4 +1,4 @@
-#include "archive.h"
+#include "tar.h"
 #include "io_wrap.h"
 #include "testutil.h"
 

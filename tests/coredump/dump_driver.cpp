@@ -7,7 +7,7 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "archive.h"
+#include "tar.h"
 #include "coredump.h"
 
 int main(int argc, char **argv)

@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include "archive.h"
+#include "tar.h"
 #include "coredump.h"
 #include "testutil.h"
 

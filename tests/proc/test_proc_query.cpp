@@ -1,6 +1,6 @@
 #include "proc.h"
 
-#include "archive.h"
+#include "tar.h"
 #include "proc_test_util.h"
 
 #include <gtest/gtest.h>

@@ -30,9 +30,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     trace_reader rd = t.reader();
 
     char *buf = static_cast<char *>(malloc(static_cast<size_t>(bufsize)));
-    const char *name = syscall_names[block[SA_NR] - static_cast<unsigned long>(syscall_names_base)];
-    int n = entry ? arch_print_syscall(nullptr, name, 7, "fuzz", buf, bufsize, block, &rd)
-                  : arch_print_syscall_ret(nullptr, name, 7, "fuzz", buf, bufsize, block, &rd);
+    const strace_call call = arch_call(block[SA_NR]);
+    int n = entry ? arch_print_syscall(nullptr, call, 7, "fuzz", buf, bufsize, block, &rd)
+                  : arch_print_syscall_ret(nullptr, call, 7, "fuzz", buf, bufsize, block, &rd);
     if (n < 0 || (n < bufsize && strlen(buf) != static_cast<size_t>(n)))
         abort();
     free(buf);

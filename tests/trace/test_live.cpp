@@ -3,7 +3,7 @@
 // host and on a real (or fully emulated) device.
 #include "trace.h"
 
-#include "archive.h"
+#include "tar.h"
 #include "common.h"
 #include "testutil.h"
 

@@ -47,6 +47,8 @@ image=$(apt-cache "$@" depends linux-image-4kc-malta |
 
 echo "emu: downloading $image and the guest packages"
 rm -f "$cache"/debs/*.deb
+# The package list is split into words on purpose.
+# shellcheck disable=SC2046
 (cd "$cache/debs" && apt-get "$@" download "$image" \
     $(sed 's/#.*//' "$list" | tr -s ' \n' ' ') >/dev/null)
 

@@ -70,8 +70,9 @@ $strip --strip-debug usr/bin/toolnest
 
 # Every program of the build's test tree, at the same absolute path as in
 # the build (tests name their helpers by $<TARGET_FILE:...>).  The unit-test
-# executables among them (tests/*/test_*) are what the suite runs; found here,
-# whatever modules exist.
+# executables among them (tests/*/test_*, and tests/lib/*/test_* for the
+# in-house libraries) are what the suite runs; found here, whatever modules
+# exist.
 find "$build/tests" -path '*/CMakeFiles' -prune -o -type f -perm -u+x -print | sort |
 while IFS= read -r exe; do
     readelf -h "$exe" >/dev/null 2>&1 || continue
@@ -79,7 +80,7 @@ while IFS= read -r exe; do
     $strip --strip-debug -o ".$exe" "$exe"
 done
 : > opt/toolnest/tests.list
-for exe in "$build"/tests/*/test_*; do
+for exe in "$build"/tests/*/test_* "$build"/tests/lib/*/test_*; do
     [ -f ".$exe" ] || continue
     echo "$exe" >> opt/toolnest/tests.list
     ln -s "$exe" "opt/toolnest/tests/$(basename "$exe")"
@@ -144,6 +145,8 @@ while :; do
         readelf -h "$f" >/dev/null 2>&1 || continue
         for lib in $(readelf -d "$f" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'); do
             have_lib "$lib" && continue
+            # Two words: the library's path here and in the image.
+            # shellcheck disable=SC2046
             set -- $(find_lib "$lib") ||
                 { echo "mkinitramfs: $lib (needed by $f) not found" >&2; exit 1; }
             mkdir -p "$(dirname "$2")"

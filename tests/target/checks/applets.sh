@@ -1,5 +1,7 @@
+# shellcheck shell=sh
 # The installed toolbox on the board: layout, dispatch by name, texts and
 # exit codes.
+# shellcheck source=../../../tools/emu/guest/checklib.sh
 . "$TN_LIB"
 
 APPLETS="tstrace stopper pcapdump coredump-handler debugar.cgi mon ctest forkbomb fdleak segfault"

@@ -1,7 +1,9 @@
+# shellcheck shell=sh
 # The debug archive on the board: debugar.cgi -d -t over the board's own
 # /proc, eth0 and MIPS processes.  The archive leaves the board through the
 # console (between TN-ARTIFACT lines) for the host's GNU tar
 # (ctest target.archive_board), with the size of the board's /proc/kcore.
+# shellcheck source=../../../tools/emu/guest/checklib.sh
 . "$TN_LIB"
 
 archive_tar() {

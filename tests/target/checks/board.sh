@@ -1,5 +1,7 @@
+# shellcheck shell=sh
 # What the board offers the target tests: the guest-only network and
 # loadable MTD devices.
+# shellcheck source=../../../tools/emu/guest/checklib.sh
 . "$TN_LIB"
 
 veth_pair() {

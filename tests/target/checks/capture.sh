@@ -1,5 +1,7 @@
+# shellcheck shell=sh
 # Packet capture on the board's eth0 (one end of the guest-only veth pair; its
 # peer 10.0.0.2 lives in the network namespace "peer").
+# shellcheck source=../../../tools/emu/guest/checklib.sh
 . "$TN_LIB"
 
 H=/opt/toolnest/bin/board_pcap

@@ -1,9 +1,11 @@
+# shellcheck shell=sh
 # The crash path on the board's MIPS kernel: the board's core pattern pipes
 # the core of a crashing process into the installed coredump-handler, which
 # uploads it to vsftpd in the peer namespace (10.0.0.2, the board's own test
 # network) or hands it to the debug service.  Syslog lines come from
 # board_syslog on /dev/log.  The cores leave the board through the console
 # (between TN-ARTIFACT lines) for gdb on the host (ctest target.crash_gdb).
+# shellcheck source=../../../tools/emu/guest/checklib.sh
 . "$TN_LIB"
 
 PATTERN='|/usr/bin/coredump-handler %e.%p.core %c %E %e'

@@ -1,5 +1,7 @@
+# shellcheck shell=sh
 # The crash-test applets on the board, each caged in a fresh pid namespace
 # with limits and a hard time limit.
+# shellcheck source=../../../tools/emu/guest/checklib.sh
 . "$TN_LIB"
 
 NOBODY="setpriv --reuid=65534 --regid=65534 --clear-groups --"

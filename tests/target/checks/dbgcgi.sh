@@ -1,7 +1,9 @@
+# shellcheck shell=sh
 # The debug service on the board's MIPS kernel: the installed daemon and the
 # test front end in a pid namespace of their own (with one sleeping process
 # to trace and dump), browsers in the peer network namespace over the veth
 # pair (board_http), a crashing process's core through the crash socket.
+# shellcheck source=../../../tools/emu/guest/checklib.sh
 . "$TN_LIB"
 
 H=/opt/toolnest/bin/board_http
@@ -50,6 +52,8 @@ untraced() {
 }
 
 sockets_of() {
+    # ls -l shows where each descriptor points.
+    # shellcheck disable=SC2010
     ls -l /proc/$1/fd 2>/dev/null | grep -c 'socket:'
 }
 

@@ -1,8 +1,10 @@
+# shellcheck shell=sh
 # The installed core dumper on the MIPS kernel: a core of snap_subject (a
 # global with a known value, three threads parked in known functions) through
 # a pipe, as the toolbox takes it.  The core goes back to the host through
 # the export disk ($TN_EXPORT), where gdb-multiarch judges it with the
 # mipsel sysroot (tests/target/host/memsnap.py).
+# shellcheck source=../../../tools/emu/guest/checklib.sh
 . "$TN_LIB"
 
 subject=$(dirname "$(grep -m1 '/tests/memsnap/test_' /opt/toolnest/tests.list)")/snap_subject
@@ -30,7 +32,8 @@ core_through_a_pipe() {
     i=0
     while [ $i -lt 300 ]; do
         asleep=0
-        for tid in $(ls /proc/$pid/task); do
+        for task in /proc/$pid/task/*; do
+            tid=${task##*/}
             case $(field $pid $tid State) in S*) asleep=$((asleep + 1)) ;; esac
         done
         [ $asleep = 3 ] && break
@@ -53,11 +56,12 @@ core_through_a_pipe() {
     size=$(stat -c %s core)
     [ "$length" = "$size" ] || bad "core of $size bytes, reported $length"
     others=$(echo "$report" | cut -c$((9 + ${#length} + 21))- | tr ' ' '\n' | sort | tr '\n' ' ')
-    want=$(ls /proc/$pid/task | grep -vx "$pid" | sort | tr '\n' ' ')
+    want=$(for task in /proc/$pid/task/*; do echo "${task##*/}"; done | grep -vx "$pid" | sort | tr '\n' ' ')
     [ "$others" = "$want" ] || bad "other tasks '$others', want '$want'"
     [ "$(od -A n -t x1 -N 4 core | tr -d ' ')" = 7f454c46 ] || bad "no ELF header"
 
-    for tid in $(ls /proc/$pid/task); do
+    for task in /proc/$pid/task/*; do
+        tid=${task##*/}
         [ "$(field $pid $tid TracerPid)" = 0 ] || bad "thread $tid still traced"
         case $(field $pid $tid State) in
         t* | T*) bad "thread $tid left stopped: $(field $pid $tid State)" ;;

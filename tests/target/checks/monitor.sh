@@ -1,6 +1,8 @@
+# shellcheck shell=sh
 # The leak monitor and the runtime trace sampler on the board's MIPS kernel.
 # The trace recorded here leaves the board through the console (between
 # TN-ARTIFACT lines) for the host's reader (ctest target.rtrace_report).
+# shellcheck source=../../../tools/emu/guest/checklib.sh
 . "$TN_LIB"
 
 # caged_mon HOLDER_ARGS REPORT_LINE: in a pid namespace of its own (timeout,
@@ -42,6 +44,8 @@ kthreadd_needs_32() {
     # children count against 32, not 16.
     kids=0
     for s in /proc/[0-9]*/stat; do
+        # The fields of the stat line, split on purpose.
+        # shellcheck disable=SC2046
         set -- $(cat "$s" 2>/dev/null)
         [ "${4:-}" = 2 ] && kids=$((kids + 1))
     done

@@ -1,5 +1,7 @@
+# shellcheck shell=sh
 # The installed tracer applets on the MIPS kernel: o32 decoding through the
 # real ptrace, MIPS signal numbers, processes held at their exit.
+# shellcheck source=../../../tools/emu/guest/checklib.sh
 . "$TN_LIB"
 
 helper_dir=$(dirname "$(grep -m1 '/tests/trace/test_' /opt/toolnest/tests.list)")

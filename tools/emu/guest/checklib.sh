@@ -1,6 +1,9 @@
+# shellcheck shell=sh
 # Helpers of the target checks (tests/target/checks/*.sh), sourced by each
 # script.  A check is a shell function run in a subshell inside a fresh
 # directory; its assertions report what differs and mark it failed.
+# The checks that source this file use B.
+# shellcheck disable=SC2034
 B=/usr/bin
 TN_GROUP=${TN_GROUP:-checks}
 TN_WORK=${TN_WORK:-/tmp/check-$TN_GROUP}

@@ -22,6 +22,8 @@ result() {
     echo "$1" >> "$TN_COUNTS"
 }
 wanted() {
+    # TN_FILTER is a pattern.
+    # shellcheck disable=SC2254
     case $1 in
     $TN_FILTER) return 0 ;;
     esac
@@ -81,6 +83,7 @@ if [ "$TN_INJECT_FAILURE" = 1 ]; then
     (
         TN_GROUP=rig
         TN_WORK="$work/check-rig"
+        # shellcheck source=checklib.sh
         . "$TN_LIB"
         deliberate() {
             run /usr/bin/ctest
@@ -99,7 +102,7 @@ if [ -n "$(ls -A "$TN_EXPORT")" ]; then
     until [ -b /dev/sda ] || [ $i -ge 100 ]; do sleep 0.1; i=$((i + 1)); done
     if [ -b /dev/sda ]; then
         (
-            cd "$TN_EXPORT"
+            cd "$TN_EXPORT" || exit 1
             find . -type f | sort | while IFS= read -r f; do
                 printf 'TN-FILE %s %s\n' "$(stat -c %s "$f")" "${f#./}" | dd bs=512 conv=sync 2>/dev/null
                 dd if="$f" bs=512 conv=sync 2>/dev/null

@@ -25,14 +25,14 @@ static_assert(sizeof(struct pt_regs) == sizeof(strace_regs));
 namespace {
 enum { R_V0 = 2, R_A0 = 4, R_SP = 29, R_RA = 31, S_PC = 37 };
 
-unsigned long peekuser(const trace_reader *rd, int pid, unsigned long off)
+unsigned long user_word(const trace_reader *rd, int pid, unsigned long off)
 {
     unsigned long v;
     rd->peekuser(rd->arg, pid, off, &v);
     return v;
 }
 
-unsigned long peekdata(const trace_reader *rd, int pid, unsigned long addr)
+unsigned long data_word(const trace_reader *rd, int pid, unsigned long addr)
 {
     unsigned long v;
     rd->peekdata(rd->arg, pid, addr, &v);
@@ -51,22 +51,22 @@ void stack_args(const trace_reader *rd, int pid, unsigned long sp, unsigned long
         *a6 = w[1];
         return;
     }
-    *a5 = peekdata(rd, pid, sp + 16);
-    *a6 = peekdata(rd, pid, sp + 20);
+    *a5 = data_word(rd, pid, sp + 16);
+    *a6 = data_word(rd, pid, sp + 20);
 }
-} // namespace
 
 // The low word of the 64-bit value at byte offset off of a PTRACE_GETREGS
 // block (the device is little-endian).
-static uint32_t word_at(const strace_regs *r, size_t off)
+uint32_t word_at(const strace_regs *r, size_t off)
 {
     return r->w[off / 4];
 }
 
-static uint32_t gpr(const strace_regs *r, int k)
+uint32_t gpr(const strace_regs *r, int k)
 {
     return word_at(r, offsetof(struct pt_regs, regs) + 8 * static_cast<size_t>(k));
 }
+} // namespace
 
 int arch_call_format(unsigned long nr, int *subcall)
 {
@@ -109,21 +109,30 @@ int arch_call_format(unsigned long nr, int *subcall)
 }
 
 
+namespace {
 // The argument block of the call in r: arguments 5 and 6 are read from the
 // stack (sp+16, sp+20) at entry and again at return.  False for a number
 // outside the name table.
-static bool o32_block(int pid, const strace_regs *r, unsigned long result,
+bool o32_block(int pid, const strace_regs *r, unsigned long result,
                       unsigned long *block, const trace_reader *rd)
 {
     unsigned long a5, a6;
     stack_args(rd, pid, r->w[R_SP], &a5, &a6);
     unsigned long nr = r->w[R_V0];
-    if (nr - 4000 >= 932)
+    if (nr - syscall_names_base >= static_cast<unsigned long>(syscall_names_count))
         return false;
     unsigned long b[SA_WORDS] = {r->w[S_PC], r->w[R_RA], nr, r->w[4], r->w[5], r->w[6],
                                  r->w[7], a5, a6, result, 0};
     memcpy(block, b, sizeof b);
     return true;
+}
+} // namespace
+
+strace_call arch_call(unsigned long nr)
+{
+    strace_call call = {syscall_names[nr - syscall_names_base], SF_DEFAULT, 0};
+    call.kind = arch_call_format(nr, &call.subcall);
+    return call;
 }
 
 int arch_dec_syscall(strace_ctx *ctx, int pid, const char *procname, char *buf, int size,
@@ -146,8 +155,7 @@ int arch_dec_syscall(strace_ctx *ctx, int pid, const char *procname, char *buf, 
     unsigned long block[SA_WORDS];
     if (!o32_block(pid, r, r->w[R_V0], block, rd))
         return -1;
-    int n = arch_print_syscall(ctx, syscall_names[r->w[R_V0] - 4000], pid, procname, buf, size,
-                               block, rd);
+    int n = arch_print_syscall(ctx, arch_call(r->w[R_V0]), pid, procname, buf, size, block, rd);
     if (block[SA_WB])
         arch_writeback_sc(pid, block, rd);
     return n;
@@ -156,14 +164,14 @@ int arch_dec_syscall(strace_ctx *ctx, int pid, const char *procname, char *buf, 
 int arch_dec_syscall_ret(strace_ctx *ctx, int pid, const char *procname, char *buf, int size,
                          strace_regs *r, strace_regs *ret, const trace_reader *rd)
 {
-    ret->w[R_V0] = static_cast<uint32_t>(peekuser(rd, pid, R_V0));
+    ret->w[R_V0] = static_cast<uint32_t>(user_word(rd, pid, R_V0));
     // The raw v0: a failing call shows its positive error number (a3 is not
     // consulted).
     unsigned long block[SA_WORDS];
     if (!o32_block(pid, r, ret->w[R_V0], block, rd))
         return -1;
-    return arch_print_syscall_ret(ctx, syscall_names[r->w[R_V0] - 4000], pid, procname, buf,
-                                  size, block, rd);
+    return arch_print_syscall_ret(ctx, arch_call(r->w[R_V0]), pid, procname, buf, size, block,
+                                  rd);
 }
 
 void arch_writeback_sc(int pid, unsigned long *block, const trace_reader *rd)

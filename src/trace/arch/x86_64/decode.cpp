@@ -69,7 +69,8 @@ int arch_call_format(unsigned long nr, int *subcall)
 }
 
 
-static void fill_block(const user_regs_struct *u, unsigned long result, unsigned long *block)
+namespace {
+void fill_block(const user_regs_struct *u, unsigned long result, unsigned long *block)
 {
     block[SA_PC] = u->rip;
     block[SA_RA] = u->rsp;
@@ -83,6 +84,14 @@ static void fill_block(const user_regs_struct *u, unsigned long result, unsigned
     block[SA_RESULT] = result;
     block[SA_WB] = 0;
 }
+}  // namespace
+
+strace_call arch_call(unsigned long nr)
+{
+    strace_call call = {syscall_names[nr - syscall_names_base], SF_DEFAULT, 0};
+    call.kind = arch_call_format(nr, &call.subcall);
+    return call;
+}
 
 int arch_dec_syscall(strace_ctx *ctx, int pid, const char *procname, char *buf, int size,
                      strace_regs *r, const trace_reader *rd)
@@ -95,7 +104,7 @@ int arch_dec_syscall(strace_ctx *ctx, int pid, const char *procname, char *buf, 
         return -1;
     unsigned long block[SA_WORDS];
     fill_block(&u, nr, block);
-    int n = arch_print_syscall(ctx, syscall_names[nr], pid, procname, buf, size, block, rd);
+    int n = arch_print_syscall(ctx, arch_call(nr), pid, procname, buf, size, block, rd);
     if (block[SA_WB])
         arch_writeback_sc(pid, block, rd);
     return n;
@@ -113,7 +122,7 @@ int arch_dec_syscall_ret(strace_ctx *ctx, int pid, const char *procname, char *b
         return -1;
     unsigned long block[SA_WORDS];
     fill_block(&u, rax, block);
-    return arch_print_syscall_ret(ctx, syscall_names[nr], pid, procname, buf, size, block, rd);
+    return arch_print_syscall_ret(ctx, arch_call(nr), pid, procname, buf, size, block, rd);
 }
 
 void arch_writeback_sc(int pid, unsigned long *block, const trace_reader *rd)

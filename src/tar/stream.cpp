@@ -1,4 +1,6 @@
-#include "archive.h"
+// HTTP/1.0 framing of downloads and status pages, zero padding, and the
+// budgeted trace callback that writes a trace as an archive member.
+#include "tar.h"
 
 #include "common.h"
 

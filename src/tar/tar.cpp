@@ -1,4 +1,6 @@
-#include "archive.h"
+// The ustar member writer: headers and data straight onto a descriptor the
+// writer neither owns nor seeks, each member padded to 512 bytes.
+#include "tar.h"
 
 #include "common.h"
 
