@@ -2,7 +2,9 @@
 their own, waiting for conditions, and an independent reader of rtrace
 streams (deliberately not the shipped reader)."""
 import argparse
+import contextlib
 import os
+import signal
 import struct
 import subprocess
 import sys
@@ -62,6 +64,25 @@ def read_file(path, mode="r"):
             return f.read()
     except FileNotFoundError:
         return None
+
+
+def proc_state(pid):
+    """The state letter of /proc/PID/stat ("T" when stopped), or ""."""
+    stat = read_file(f"/proc/{pid}/stat") or ""
+    return stat[stat.rfind(")") + 2:][:1]
+
+
+@contextlib.contextmanager
+def frozen(pid):
+    """The process held stopped (SIGSTOP, seen in /proc) while the caller
+    changes what it watches or reads what it wrote: its next look sees all
+    of the change or none of it, and it writes nothing meanwhile."""
+    os.kill(pid, signal.SIGSTOP)
+    wait_for(lambda: proc_state(pid) == "T", f"pid {pid} stopped")
+    try:
+        yield
+    finally:
+        os.kill(pid, signal.SIGCONT)
 
 
 def reap_orphans():

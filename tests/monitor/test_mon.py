@@ -1,7 +1,6 @@
 """The installed mon applet in a pid namespace of its own: the holders that
 the tests start (tests/monitor/holder.py) are the only processes it sees, so
 its alert lines and reports are known exactly."""
-import contextlib
 import os
 import re
 import signal
@@ -43,28 +42,17 @@ class Mon:
         """Waits until n more rounds than the one in place are done."""
         self.round_done(self.round_done(0) + n)
 
-    @contextlib.contextmanager
     def frozen(self):
-        """mon held stopped (SIGSTOP, seen in /proc) while the caller changes
-        what it watches: its next look at /proc sees all of the change or
-        none of it, never a part."""
-        self.p.send_signal(signal.SIGSTOP)
-        wait_for(lambda: proc_state(self.p.pid) == "T", "mon stopped")
-        try:
-            yield
-        finally:
-            self.p.send_signal(signal.SIGCONT)
+        """mon held stopped while the caller changes what it watches: its
+        next look at /proc sees all of the change or none of it, never a
+        part."""
+        return montest.frozen(self.p.pid)
 
     def stop(self):
         self.p.send_signal(signal.SIGINT)
         out, _ = self.p.communicate(timeout=60)
         self.err.close()
         return self.p.returncode, out, self.stderr()
-
-
-def proc_state(pid):
-    stat = read_file(f"/proc/{pid}/stat") or ""
-    return stat[stat.rfind(")") + 2:][:1]
 
 
 def fdstats(pid, score, slots):
