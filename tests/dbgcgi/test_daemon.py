@@ -214,18 +214,14 @@ class ControlDatagrams(Service):
         return st
 
     def settled(self):
-        """The daemon's counts once its main thread is idle."""
+        """The daemon's counts once its main thread has handled everything
+        and it has only its own threads and no child."""
         self.svc.sync()
-        last = None
-        while True:
-            st = self.stats()
-            if st == last:
-                return st
-            last = st
-            time.sleep(0.05)
+        wait_for(self.svc.idle, "the daemon idle")
+        return self.stats()
 
     def assert_back_to_base(self):
-        wait_for(lambda: self.stats() == self.base, f"counts back to {self.base}", 10)
+        wait_for(lambda: self.stats() == self.base, f"counts back to {self.base}")
 
     def pair(self):
         a, b = socket.socketpair()
