@@ -169,8 +169,10 @@ class Tstrace(unittest.TestCase):
                              env=helper_env(), stdout=subprocess.PIPE)
         self.assertTrue(wait_for(lambda: bb.children(t.pid)))
         child = bb.children(t.pid)[0]
-        # Traced and run up to its pause.
-        self.assertTrue(wait_for(lambda: (status_field(child, "State") or "?")[0] == "S"))
+        # Traced and run up to its pause: the program itself, not the fork
+        # before the exec (which may sleep too).
+        self.assertTrue(wait_for(lambda: status_field(child, "Name") == "trace_helper"
+                                 and (status_field(child, "State") or "?")[0] == "S"))
         t.send_signal(signal.SIGINT)
         out, _ = t.communicate(timeout=30)
         self.assertEqual(t.returncode, 0)
