@@ -15,7 +15,7 @@ cd "$(dirname "$0")/.." || exit 1
 
 # The system tests by name: the test scripts, not the unit tests (Suite.Case)
 # nor the fuzzers.
-SYSTEM_REGEX='^(stage|archive\.device|archive\.tar_readers|blackbox|capture|cgifront|coredump|dbgcgi|monitor|simdev|web|target)\.'
+SYSTEM_REGEX='^(stage|blackbox|capture|cgifront|coredump|dbgcgi|monitor|simdev|web|target)\.|^archive\.(device|tar_readers)$'
 
 usage() {
     echo "usage: tools/test.sh --stress N [--preset P]... [--board] [-R REGEX | -L LABEL]" >&2
