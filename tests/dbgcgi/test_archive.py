@@ -64,9 +64,9 @@ class Archives(unittest.TestCase):
         head, body = SVC.get("/x?cmd=ps")
         self.assertEqual(head, header("text/plain", "psdump.txt"))
         self.assertIn(b"PID", body)
-        got = {"data": dbgdev.read_all(s, 180)}
+        data = dbgdev.read_all(s, 180)
         s.close()
-        head, body = dbgdev.split_response(got["data"])
+        head, body = dbgdev.split_response(data)
         self.assertEqual(head, TAR_HEADER)
         path = os.path.join(TMP, "debug.tar")
         with open(path, "wb") as f:
