@@ -110,7 +110,8 @@ done
 stop_load
 
 echo
-echo "==== stress: $runs runs of$presets under load"
+presets=$(echo $presets)
+echo "==== stress: $runs runs of $presets under load"
 if [ -s "$all" ]; then
     echo "failures by test:"
     sort "$all" | uniq -c | sort -rn
