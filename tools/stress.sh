@@ -32,8 +32,8 @@ select="-R"
 what=$SYSTEM_REGEX
 while [ $# -gt 0 ]; do
     case "$1" in
-    --preset) [ $# -ge 2 ] || usage; presets="$presets $2"; shift 2 ;;
-    --board) presets="$presets mipsel"; shift ;;
+    --preset) [ $# -ge 2 ] || usage; presets="${presets:+$presets }$2"; shift 2 ;;
+    --board) presets="${presets:+$presets }mipsel"; shift ;;
     -R | -L) [ $# -ge 2 ] || usage; select=$1; what=$2; shift 2 ;;
     *) usage ;;
     esac
@@ -110,7 +110,6 @@ done
 stop_load
 
 echo
-presets=$(echo $presets)
 echo "==== stress: $runs runs of $presets under load"
 if [ -s "$all" ]; then
     echo "failures by test:"
