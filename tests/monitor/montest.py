@@ -59,10 +59,12 @@ def wait_for(cond, what, timeout=60, step=0.01):
 
 
 def read_file(path, mode="r"):
+    """The file's contents, or None when it is not there; under /proc also
+    when the process ended between the open and the read (ESRCH)."""
     try:
         with open(path, mode) as f:
             return f.read()
-    except FileNotFoundError:
+    except (FileNotFoundError, ProcessLookupError):
         return None
 
 
