@@ -76,7 +76,8 @@ else
     echo "==== load: $cores busy shell loops (no stress-ng)"
 fi
 
-logdir=build/stress
+# One folder per preset set: hunts of other presets may run meanwhile.
+logdir=build/stress/$(echo "$presets" | tr ' ' '+')
 mkdir -p "$logdir"
 all="$logdir/failures"
 : > "$all"
