@@ -9,13 +9,11 @@
 # --preset  the presets to run, each built first (default: host)
 # --board   adds the mipsel preset, whose system tests include the emulated
 #           board (target.*)
-# -R / -L   which tests: a ctest name regex or label (default: the regex below)
+# -R / -L   which tests: a ctest name regex or label regex (default: the
+#           labels system and board)
 set -u
 cd "$(dirname "$0")/.." || exit 1
 
-# The system tests by name: the test scripts, not the unit tests (Suite.Case)
-# nor the fuzzers.
-SYSTEM_REGEX='^(stage|blackbox|capture|cgifront|coredump|dbgcgi|monitor|simdev|web|target)\.|^archive\.(device|tar_readers)$'
 
 usage() {
     echo "usage: tools/test.sh --stress N [--preset P]... [--board] [-R REGEX | -L LABEL]" >&2
@@ -28,8 +26,9 @@ case "$runs" in
 esac
 shift
 presets=""
-select="-R"
-what=$SYSTEM_REGEX
+# The test scripts and the board, not the unit tests nor the fuzzers.
+select="-L"
+what='system|board'
 while [ $# -gt 0 ]; do
     case "$1" in
     --preset) [ $# -ge 2 ] || usage; presets="${presets:+$presets }$2"; shift 2 ;;
