@@ -16,9 +16,15 @@ case "$(pwd -P)/" in
     copy=/var/tmp/toolnest-test-checkout
     echo "==== checkout under /tmp: testing a copy in $copy"
     rm -rf "$copy" && mkdir -p "$copy" && cp -a . "$copy/" || exit 1
-    exec "$copy/tools/test.sh"
+    exec "$copy/tools/test.sh" "$@"
     ;;
 esac
+
+# tools/test.sh --stress N: the flake hunt (tools/stress.sh).
+if [ "${1:-}" = --stress ]; then
+    shift
+    exec tools/stress.sh "$@"
+fi
 
 tools/deps.sh || exit 1
 tools/mksysroot.sh build/sysroot-mipsel || exit 1

@@ -247,8 +247,13 @@ class HandOver(HandlerTest):
         core = core_bytes(3 * 1024 * 1024 + 17)
         alive_at_core = []
         procs = []
-        stand_in = self.stand_in(ack_bytes=b"ok", expect=len(core), on_core=lambda: alive_at_core.append(
-            procs[0].poll() is None))
+
+        def on_core():
+            # The whole core may be in before start() has returned the
+            # handler's process; it cannot end before the answer it awaits.
+            bb.wait_until(lambda: procs, "the handler's process")
+            alive_at_core.append(procs[0].poll() is None)
+        stand_in = self.stand_in(ack_bytes=b"ok", expect=len(core), on_core=on_core)
         started = time.monotonic()
         p, r, writer = self.start(self.ARGS, core)
         procs.append(p)
@@ -504,9 +509,11 @@ class Ftp(HandlerTest):
         self.assertLogs_(res, (WARNING, "coredump truncated."))
 
     def test_slow_server_truncates(self):
-        # The server takes 64 KiB/s; the core would need minutes.
+        # The server takes 64 KiB/s; the core would need six minutes.  Ten
+        # seconds: the login and the start of the upload are in, on a busy
+        # machine too, before the time-out cuts the upload.
         server = self.ftp_server(max_rate=65536)
-        self.ftp_config(server, timeout=2)
+        self.ftp_config(server, timeout=10)
         core = core_bytes(24 * 1024 * 1024)
         res = self.handler(*self.ARGS, core=core)
         self.assertEqual((res.rc, res.out, res.err), (1, b"", b""), res)

@@ -16,7 +16,11 @@ import bb
 os.environ["ASAN_OPTIONS"] = "handle_segv=0:detect_leaks=0"
 os.environ["TSAN_OPTIONS"] = "handle_segv=0"
 
-NOBODY = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--"]
+# An unprivileged user of this run alone: the process limit counts every
+# process of the user on the machine, and a forkbomb of another run (or
+# anything else as nobody) would eat into it.
+CAGE_UID = 1000000 + os.getpid()
+NOBODY = ["setpriv", f"--reuid={CAGE_UID}", f"--regid={CAGE_UID}", "--clear-groups", "--"]
 
 
 def caged(inner, limit=90):

@@ -304,7 +304,8 @@ class PcapDump(Base):
     def test_fixed_records_with_traffic(self):
         self.net = Net()
         out = self.path("fixed.pcap")
-        t = Traffic(4 * SLOW)
+        # Traffic for as long as the capture runs, however late that starts.
+        t = Traffic(120)
         try:
             rc, err = probe("dump", "eth0", out, "400000", "1536", str(3 * SLOW), "1")
         finally:
@@ -335,7 +336,7 @@ class PcapDump(Base):
         self.net = Net()
         out = self.path("natural.pcap")
         # A limit of N seconds of uptime lasts between N - 1 and N seconds.
-        t = Traffic(4 * SLOW)
+        t = Traffic(120)   # stopped once the capture is over
         try:
             rc, err = probe("dump", "eth0", out, "0", "0", str(3 * SLOW), "0")
         finally:
@@ -378,7 +379,7 @@ class PcapDump(Base):
         ready, got = self.path("ready"), self.path("got")
         sink = self.net.rpopen([sys.executable, "-c", SINK, "5000", got, ready, "24"])
         wait_file(ready)
-        t = Traffic(20 * SLOW)
+        t = Traffic(120)   # stopped once the capture is over
         try:
             p = subprocess.Popen(bb.command(PROBE, "connect", "eth0", REMOTE4, "5000", "0", "0",
                                             str(20 * SLOW)), stderr=subprocess.PIPE)

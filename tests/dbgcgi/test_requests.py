@@ -217,7 +217,10 @@ class SystemCallTrace(unittest.TestCase):
     def tracer_of(self, host_pid):
         """"daemon" when a thread of the daemon traces host_pid, else the
         tracer's id (0: none)."""
-        tracer = int(dbgdev.proc_status(host_pid)["TracerPid"])
+        try:
+            tracer = int(dbgdev.proc_status(host_pid)["TracerPid"])
+        except OSError:
+            return 0   # ended since the list of processes was read
         if tracer and os.path.exists(f"/proc/{SVC.pid}/task/{tracer}"):
             return "daemon"
         return tracer

@@ -2,7 +2,9 @@
 their own, and an independent reader of rtrace streams (deliberately not the
 shipped reader)."""
 import argparse
+import contextlib
 import os
+import signal
 import struct
 import subprocess
 import sys
@@ -44,11 +46,32 @@ def probe_args(*extra):
 
 
 def read_file(path, mode="r"):
+    """The file's contents, or None when it is not there; under /proc also
+    when the process ended between the open and the read (ESRCH)."""
     try:
         with open(path, mode) as f:
             return f.read()
-    except FileNotFoundError:
+    except (FileNotFoundError, ProcessLookupError):
         return None
+
+
+def proc_state(pid):
+    """The state letter of /proc/PID/stat ("T" when stopped), or ""."""
+    stat = read_file(f"/proc/{pid}/stat") or ""
+    return stat[stat.rfind(")") + 2:][:1]
+
+
+@contextlib.contextmanager
+def frozen(pid):
+    """The process held stopped (SIGSTOP, seen in /proc) while the caller
+    changes what it watches or reads what it wrote: its next look sees all
+    of the change or none of it, and it writes nothing meanwhile."""
+    os.kill(pid, signal.SIGSTOP)
+    bb.wait_until(lambda: proc_state(pid) == "T", f"pid {pid} stopped")
+    try:
+        yield
+    finally:
+        os.kill(pid, signal.SIGCONT)
 
 
 def reap_orphans():

@@ -27,29 +27,56 @@ ITEMS = 1 | 2 | 8 | 16 | 32 | 64 | 128 | 256 | 512 | 1024
 ROUNDS = 4
 
 
+def drain(fd, data):
+    """Appends what the pipe holds now, without waiting for more."""
+    os.set_blocking(fd, False)
+    try:
+        while True:
+            try:
+                chunk = os.read(fd, 65536)
+            except BlockingIOError:
+                return
+            if not chunk:
+                return
+            data += chunk
+    finally:
+        os.set_blocking(fd, True)
+
+
 def record_stream():
-    """Records ROUNDS per-process rounds and stops inside the next record
-    that carries data; the grower takes 4 MiB more after each round."""
+    """Records per-process rounds and stops inside the next record that
+    carries data.  Between rounds the grower takes 4 MiB more, ROUNDS times:
+    with the sampler stopped and everything it wrote read, so the growth
+    falls between two per-process sections by design (when the next section
+    has begun already, that growth waits for its end)."""
     global GROWER
     grower = Holder("grower")
     GROWER = grower.pid
     p = subprocess.Popen(bb.command(PROBE, "rtrace", str(ITEMS), "1"), stdout=subprocess.PIPE,
                          stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    fd = p.stdout.fileno()
     data = bytearray()
-    rounds = 0
+    grown = 0     # per-process sections ended so far that were followed by a growth
+    seen = 0      # per-process sections ended so far
     cut = None
     try:
         while cut is None:
-            chunk = os.read(p.stdout.fileno(), 65536)
+            chunk = os.read(fd, 65536)
             if not chunk:
                 raise RuntimeError("the stream ended early")
             data += chunk
             recs = records(bytes(data), allow_cut=True)
             ends = sum(1 for r in recs if r.type == 4 and r.flag == 0)
-            while rounds < ends:
-                rounds += 1
-                grower.do("memory 4")
-            if rounds >= ROUNDS:
+            if ends > seen and grown < ROUNDS:
+                seen = ends
+                with montest.frozen(p.pid):
+                    drain(fd, data)
+                    recs = records(bytes(data), allow_cut=True)
+                    last = [r for r in recs if r.type == 4][-1]
+                    if last.flag == 0:
+                        grower.do("memory 4")
+                        grown += 1
+            if grown >= ROUNDS:
                 end = recs[-1].offset + 20 + recs[-1].length if recs else 0
                 # The first record after the last whole one that has data
                 # (its header may be read already).

@@ -66,8 +66,21 @@ def pids_in(kind, ns):
             if p.isdigit() and ns_of(p, kind) == ns and simdev.process_alive(p)]
 
 
-def loop_attached(loop):
-    return os.path.exists(f"/sys/block/{os.path.basename(loop)}/loop/backing_file")
+def loop_seq(loop):
+    """The loop device's disk sequence number, new with every file attached."""
+    with open(f"/sys/block/{os.path.basename(loop)}/diskseq") as f:
+        return int(f.read())
+
+
+def loop_attached(loop, seq):
+    """Whether the loop device still holds the file it held under sequence
+    number seq.  A freed loop device is soon taken by someone else (another
+    test, another device): the sequence number tells theirs from ours."""
+    try:
+        now = loop_seq(loop)
+    except FileNotFoundError:
+        return False
+    return now == seq and os.path.exists(f"/sys/block/{os.path.basename(loop)}/loop/backing_file")
 
 
 def sections(report):
@@ -371,7 +384,8 @@ class Lifecycle(unittest.TestCase):
     def facts(self, dev):
         return dict(pid=ns_of(dev.init_pid, "pid"), net=ns_of(dev.init_pid, "net"),
                     mnt=ns_of(dev.init_pid, "mnt"), peer=ns_of(dev.peer_pid, "net"),
-                    loop=dev.loop, supervisor=dev.supervisor_pid, state=dev.state)
+                    loop=dev.loop, loop_seq=loop_seq(dev.loop) if dev.loop else None,
+                    supervisor=dev.supervisor_pid, state=dev.state)
 
     def assert_gone(self, f):
         self.assertEqual(pids_in("pid", f["pid"]), [])
@@ -379,13 +393,13 @@ class Lifecycle(unittest.TestCase):
         self.assertEqual(pids_in("mnt", f["mnt"]), [])
         self.assertEqual(pids_in("net", f["peer"]), [])
         self.assertFalse(simdev.process_alive(f["supervisor"]))
-        self.assertFalse(loop_attached(f["loop"]), f["loop"])
+        self.assertFalse(loop_attached(f["loop"], f["loop_seq"]), f["loop"])
 
     def test_stop_leaves_nothing(self):
         dev = simdev.Device(prefix=bb.PREFIX)
         f = self.facts(dev)
         self.assertTrue(f["loop"].startswith("/dev/loop"))
-        self.assertTrue(loop_attached(f["loop"]))
+        self.assertTrue(loop_attached(f["loop"], f["loop_seq"]))
         # A command still running and an orphan adopted by the device's init.
         p = dev.popen(["sleep", "1000"])
         dev.run(["/bin/sh", "-c", "sleep 1000 > /dev/null 2>&1 &"], check=True)
@@ -401,7 +415,7 @@ class Lifecycle(unittest.TestCase):
         f = self.facts(dev)
         os.kill(dev.supervisor_pid, signal.SIGKILL)
         wait_until(lambda: not pids_in("pid", f["pid"]), "the device's processes")
-        wait_until(lambda: not loop_attached(f["loop"]), "the loop device")
+        wait_until(lambda: not loop_attached(f["loop"], f["loop_seq"]), "the loop device")
         wait_until(lambda: not simdev.process_alive(f["supervisor"]), "the supervisor")
         self.assert_gone(f)
         self.assertTrue(os.path.isdir(f["state"]))
@@ -415,6 +429,7 @@ class Lifecycle(unittest.TestCase):
                                capture_output=True, check=True, timeout=60)
             state = r.stdout.decode().strip()
             info = simdev.read_info(state)
+            seq = loop_seq(info["SIMDEV_LOOP"])
             ns = ns_of(info["SIMDEV_INIT_PID"], "pid")
             self.assertTrue(pids_in("pid", ns))
         finally:
@@ -422,38 +437,45 @@ class Lifecycle(unittest.TestCase):
             holder.wait()
         wait_until(lambda: not os.path.exists(state), "the state directory to go")
         wait_until(lambda: not pids_in("pid", ns), "the device's processes")
-        self.assertFalse(loop_attached(info["SIMDEV_LOOP"]))
+        self.assertFalse(loop_attached(info["SIMDEV_LOOP"], seq))
 
     def device_loop(self, dev_no):
-        major, minor = (int(x, 16) for x in dev_no.split())
+        """The loop device and its sequence number from "major minor [seq]"
+        (hex numbers as stat prints them)."""
+        words = dev_no.split()
+        major, minor = (int(x, 16) for x in words[:2])
         with open(f"/sys/dev/block/{major}:{minor}/uevent") as f:
             name = next(l for l in f if l.startswith("DEVNAME=")).split("=")[1].strip()
-        return "/dev/" + name
+        return "/dev/" + name, int(words[2]) if len(words) > 2 else loop_seq(name)
 
     def test_run_one_command(self):
         r = subprocess.run([simdev.SIMDEV_SH, "run", "-p", bb.PREFIX, "--", "/bin/sh", "-c",
                             "cat /etc/hostname; readlink /proc/1/ns/pid; "
-                            "stat -c '%t %T' /dev/part/oops; exit 7"],
+                            "set -- $(stat -c '%t %T' /dev/part/oops); "
+                            "echo $1 $2 $(cat /sys/dev/block/$((0x$1)):$((0x$2))/diskseq); exit 7"],
                            capture_output=True, timeout=60)
         self.assertEqual(r.returncode, 7, r.stderr)
         host, ns, dev_no = r.stdout.decode().splitlines()
         self.assertEqual(host, "simdev")
-        self.assertEqual(pids_in("pid", ns), [])
+        # The namespace's last processes may still be on their way out when
+        # the command's status is back.
+        wait_until(lambda: not pids_in("pid", ns), "the device's processes")
         self.assertNotEqual(ns, ns_of(os.getpid(), "pid"))
-        self.assertFalse(loop_attached(self.device_loop(dev_no)))
+        self.assertFalse(loop_attached(*self.device_loop(dev_no)))
 
     def test_interrupted_run_cleans_up(self):
         p = subprocess.Popen([simdev.SIMDEV_SH, "run", "-p", bb.PREFIX, "--", "/bin/sh", "-c",
                               "readlink /proc/1/ns/pid; stat -c '%t %T' /dev/part/oops; "
                               "exec sleep 1000"], stdout=subprocess.PIPE)
         ns = p.stdout.readline().decode().strip()
-        loop = self.device_loop(p.stdout.readline().decode())
+        # Read while the device runs: the loop device is still ours.
+        loop, seq = self.device_loop(p.stdout.readline().decode())
         self.assertTrue(pids_in("pid", ns))
         p.send_signal(signal.SIGTERM)
         self.assertEqual(p.wait(timeout=30), -signal.SIGTERM)
         p.stdout.close()
         wait_until(lambda: not pids_in("pid", ns), "the device's processes")
-        wait_until(lambda: not loop_attached(loop), "the loop device")
+        wait_until(lambda: not loop_attached(loop, seq), "the loop device")
 
     def test_root_layout(self):
         """-r takes a DESTDIR tree: its usr and etc lie over the device's."""

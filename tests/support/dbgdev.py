@@ -27,7 +27,6 @@ import subprocess
 import sys
 import tempfile
 import threading
-import time
 import unittest
 
 import bb
@@ -312,18 +311,26 @@ class DebugService:
         self.pid = wait_until(found, "the daemon")
         self.device_daemon_pid = self.device_pid(self.pid)
         wait_until(lambda: len(self.sockets()) >= 2, "the daemon's control sockets")
-        # Its own threads (main, monitor, and a sanitizer's), once settled: a
-        # sanitizer starts its thread at a time of its own, so two equal
-        # counts 0.1 s apart count as settled.
-        last = None
-        while True:
-            n = self.threads()
-            if n == last and n >= 2:
-                break
-            last = n
-            time.sleep(0.1)
-        self.base_threads = n
+        # Its own threads (main, monitor, and a sanitizer's): the monitor
+        # thread comes last, after the sockets, and puts itself in the idle
+        # class first thing.
+        wait_until(self.monitor_thread, "the daemon's monitor thread")
+        self.base_threads = self.threads()
         return r
+
+    def monitor_thread(self):
+        """The daemon's thread in the idle scheduling class (SCHED_IDLE),
+        or None."""
+        for tid in os.listdir(f"/proc/{self.pid}/task"):
+            try:
+                with open(f"/proc/{self.pid}/task/{tid}/stat") as f:
+                    stat = f.read()
+            except OSError:
+                continue
+            # Field 41, policy; counted after the ")" that ends the name.
+            if stat.rsplit(")", 1)[1].split()[38] == "5":
+                return int(tid)
+        return None
 
     def sanitizer_reports(self):
         """What a sanitizer build of the daemon reported (text)."""

@@ -158,8 +158,10 @@ class Tstrace(unittest.TestCase):
                              env=helper_env(), stdout=subprocess.PIPE)
         wait_until(lambda: bb.children(t.pid), "the started command")
         child = bb.children(t.pid)[0]
-        # Traced and run up to its pause.
-        wait_until(lambda: (status_field(child, "State") or "?")[0] == "S", "the command in its pause")
+        # Traced and run up to its pause: the program itself, not the fork
+        # before the exec (which may sleep too).
+        wait_until(lambda: status_field(child, "Name") == "trace_helper"
+                   and (status_field(child, "State") or "?")[0] == "S", "the command in its pause")
         t.send_signal(signal.SIGINT)
         out, _ = t.communicate(timeout=30)
         self.assertEqual(t.returncode, 0)

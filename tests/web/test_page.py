@@ -4,11 +4,11 @@ device.  Downloads are judged by GNU tar, tshark, gdb and the rtrace reader;
 screenshots go to --artifacts."""
 import argparse
 import os
+import re
 import shutil
 import subprocess
 import tarfile
 import tempfile
-import time
 import unittest
 
 import bb
@@ -122,7 +122,7 @@ class DebugPage(unittest.TestCase):
         self.b.fill(sel="#strace-pid", value="hearth")
         self.b.click(sel="#strace-start")
         # lines of the running hearth appear within seconds
-        self.b.wait_text(sel="#strace-out", re=r"\w+\(.*\)\s*=\s*-?\d", timeout=10000)
+        self.b.wait_text(sel="#strace-out", re=r"\w+\(.*\)\s*=\s*-?\d", timeout=60000)
         self.assertEqual(self.tgid(self.tracer_of(pid)), self.pid_of("debugar.cgi"))
         self.shot("live-trace.png")
         self.b.click(sel="#strace-stop")
@@ -156,8 +156,11 @@ class DebugPage(unittest.TestCase):
             self.b.check(sel=f"#rtrace-{item}", value=False)
         self.b.check(sel="#rtrace-meminfo", value=True)
         self.b.click(sel="#rtrace-start")
-        self.b.wait_text(sel="#rtrace-status", re=r"Sampling… \d", timeout=15000)
-        time.sleep(2.5)  # a few intervals of samples
+        # Until the page has received two rounds' worth of meminfo: the
+        # download, cut wherever the stop falls, then holds a whole one.
+        with open("/proc/meminfo", "rb") as f:
+            enough = 2 * (len(f.read()) + 40)
+        wait_until("two rounds of samples", lambda: self.received("rtrace") >= enough, timeout=120)
         self.shot("runtime-trace.png")
         path, name = self.download("#rtrace-stop", "rtrace")
         self.assertEqual(name, "rtrace")
@@ -168,6 +171,11 @@ class DebugPage(unittest.TestCase):
         with open(os.path.join(report, "index.html"), errors="replace") as f:
             html = f.read()
         self.assertIn("MemFree", html)
+
+    def received(self, part):
+        """The bytes a running download says it has received, or 0."""
+        m = re.search(r"([\d.]+) (bytes|KiB|MiB) received", self.b.text(sel=f"#{part}-status"))
+        return float(m.group(1)) * {"bytes": 1, "KiB": 1024, "MiB": 1 << 20}[m.group(2)] if m else 0
 
     def test_05_packet_capture(self):
         self.open_page()

@@ -122,6 +122,18 @@ def tmpfs(target, mode="755", size=None, flags=MS_NOSUID | MS_NODEV):
     mount("tmpfs", target, "tmpfs", flags, data)
 
 
+def loop_seq(name):
+    """The disk sequence number of a loop device (new with every file
+    attached), or None when there is none."""
+    if name == "-":
+        return None
+    try:
+        with open(f"/sys/block/{name}/diskseq") as f:
+            return int(f.read())
+    except OSError:
+        return None
+
+
 def die_with_parent():
     """For child processes: SIGKILL when the parent goes, whatever way it goes."""
     if libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL, 0, 0, 0) != 0:
@@ -499,6 +511,7 @@ class Supervisor:
         self.device = None
         self.init_pid = None
         self.loop = "-"
+        self.loop_seq = None
         self.ping = None
 
     def on_signal(self, signo, frame):
@@ -576,6 +589,7 @@ class Supervisor:
         ])
         send(self.to_init, "net")
         self.loop = expect("ready")
+        self.loop_seq = loop_seq(self.loop)
         self.start_ping()
         self.write_info()
 
@@ -597,11 +611,16 @@ class Supervisor:
             self.ping.wait()
         if self.loop != "-":
             # Autoclear releases the loop device once its last user has gone.
+            # Freed, it may be taken by someone else at once: their file has
+            # another sequence number.
             backing = f"/sys/block/{self.loop}/loop/backing_file"
+
+            def ours():
+                return os.path.exists(backing) and loop_seq(self.loop) == self.loop_seq
             deadline = time.monotonic() + 10
-            while os.path.exists(backing) and time.monotonic() < deadline:
+            while ours() and time.monotonic() < deadline:
                 time.sleep(0.02)
-            if os.path.exists(backing):
+            if ours():
                 log(f"/dev/{self.loop} still attached")
 
     def run(self):

@@ -8,9 +8,12 @@
 
 archive_tar() {
     # a cage of its own: two sleeping processes are all there is to trace
-    # and dump besides the shell that starts the archive
+    # and dump besides the shell that starts the archive (once both forks
+    # are sleep itself, not the shell before its exec)
     run caged 300 sh -c '
-        sleep 600 & sleep 600 &
+        sleep 600 & a=$!
+        sleep 600 & b=$!
+        until [ "$(cat /proc/$a/comm)" = sleep ] && [ "$(cat /proc/$b/comm)" = sleep ]; do :; done
         debugar.cgi -d -t > archive.tar
         echo "archive exit $?"'
     want_rc 0

@@ -25,7 +25,7 @@ set_up() {
     echo "$PATTERN" > /proc/sys/kernel/core_pattern
     board_syslog /dev/log > "$TN_DIR/syslog" 2> "$TN_DIR/syslog.err" &
     syslog_pid=$!
-    wait_until 100 grep -q ready "$TN_DIR/syslog.err" || bad "board_syslog did not start"
+    wait_until 600 grep -q ready "$TN_DIR/syslog.err" || bad "board_syslog did not start"
 }
 
 # tear_down: the core pattern as it was, no syslog, no configuration, no
@@ -88,7 +88,7 @@ EOF
     ip netns exec peer /usr/sbin/vsftpd "$ftp/vsftpd.conf" > "$TN_DIR/ftp.log" 2>&1 &
     ftp_pid=$!
     # 10.0.0.2:21 listening, as the peer's /proc/net/tcp shows it.
-    wait_until 100 sh -c 'ip netns exec peer cat /proc/net/tcp | grep -q " 0200000A:0015 00000000:0000 0A "' ||
+    wait_until 600 sh -c 'ip netns exec peer cat /proc/net/tcp | grep -q " 0200000A:0015 00000000:0000 0A "' ||
         bad "vsftpd did not start: $(cat "$TN_DIR/ftp.log")"
 }
 
@@ -186,17 +186,17 @@ listener_gets_the_core() {
     set_up
     mkdir -p /var/run/dbg-cgi /var/spool/storage/SD_DISK/dumps
     /usr/bin/debugar.cgi || bad "debugar.cgi: status $?"
-    wait_until 100 daemon_pid >/dev/null || bad "no daemon"
+    wait_until 600 daemon_pid >/dev/null || bad "no daemon"
     dpid=$(daemon_pid)
-    wait_until 100 test -S /var/run/dbg-cgi/ctrl-segf-socket || bad "no crash socket"
+    wait_until 600 test -S /var/run/dbg-cgi/ctrl-segf-socket || bad "no crash socket"
     board_front -a 10.0.0.1 -p 8080 > "$TN_DIR/front.out" 2>&1 &
     front=$!
-    wait_until 100 grep -q '^listening' "$TN_DIR/front.out" || bad "front end: $(cat "$TN_DIR/front.out")"
+    wait_until 600 grep -q '^listening' "$TN_DIR/front.out" || bad "front end: $(cat "$TN_DIR/front.out")"
     before=$(daemon_sockets "$dpid")
     ip netns exec peer board_http 10.0.0.1 8080 '/cgi-bin/debugar.cgi?cmd=coredump' \
         > "$TN_DIR/listener.out" 2> "$TN_DIR/listener.err" &
     browser=$!
-    wait_until 100 more_sockets "$dpid" "$before" || bad "the daemon holds no listener"
+    wait_until 600 more_sockets "$dpid" "$before" || bad "the daemon holds no listener"
     run crash unlimited
     want_out 'status 139\n'
     # The handler waits up to 5 s for an answer before it ends its side.

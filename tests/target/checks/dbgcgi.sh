@@ -78,6 +78,9 @@ wait_until 300 grep -q '^listening' "$TN_WORK/front.log" || echo "  dbgcgi: no f
 daemon=$(for s in /proc/[0-9]*/comm; do
     [ "$(cat "$s" 2>/dev/null)" = debugar.cgi ] && basename "${s%/comm}"; done | head -n 1)
 ns=$(readlink /proc/$daemon/ns/pid)
+# The sleeper is itself once its fork has run sleep (the daemon may have
+# started first).
+wait_until 600 ns_pid_of sleep > /dev/null || echo "  dbgcgi: no sleeper" >&2
 sleeper=$(ns_pid_of sleep)
 
 ps_request() {
@@ -111,8 +114,8 @@ strace_left_early() {
     # The head, then the browser leaves (a sleeping process says nothing).
     peer $H -n 100 $IP 8080 "/x?cmd=strace&pid=$(inner_pid $sleeper)" > out
     head -c 40 out | grep -q 'HTTP/1.0 200 OK' || bad "no trace response: $(head -c 200 out)"
-    wait_until 100 untraced $sleeper || bad "the sleeper is left traced or stopped"
-    wait_until 100 only_own_threads || bad "request threads left"
+    wait_until 600 untraced $sleeper || bad "the sleeper is left traced or stopped"
+    wait_until 600 only_own_threads || bad "request threads left"
 }
 
 coredump_by_pid() {
@@ -126,7 +129,7 @@ crash_to_listener() {
     before=$(sockets_of $daemon)
     peer $H -H head $IP 8080 '/x?listen' > body &
     l=$!
-    wait_until 100 more_sockets || bad "the listener is not held"
+    wait_until 600 more_sockets || bad "the listener is not held"
     head -c 70000 /dev/urandom > core.in
     $H -u $RUN/ctrl-segf-socket < core.in || bad "crash socket refused"
     wait $l
