@@ -67,12 +67,14 @@ int cb_strace(void *ctx, const char *buf, int len)
 {
     cb_strace_ctx *c = static_cast<cb_strace_ctx *>(ctx);
     int n = c->budget < len ? c->budget : len;
-    if (n > 0) {
-        if (safe_write(c->fd, buf, static_cast<unsigned>(n)) < 0) {
-            c->error = 1;
-            return 0;
-        }
-        c->budget -= n;
+    if (n < 0)
+        n = 0;
+    // Even a zero-length write is made: the tracer's empty calls are how a
+    // client that has gone away is noticed while the trace is quiet.
+    if (safe_write(c->fd, buf, static_cast<unsigned>(n)) < 0) {
+        c->error = 1;
+        return 0;
     }
+    c->budget -= n;
     return c->budget > 0 ? 1 : 0;
 }

@@ -7,6 +7,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <string>
@@ -247,13 +248,29 @@ TEST_F(Stream, TraceGoesOnWhileBudgetRemains)
     EXPECT_EQ(ctx.budget, 18);
     EXPECT_EQ(cb_strace(&ctx, line, 21), 0);
     EXPECT_EQ(ctx.budget, 0);
-    // A late call after the budget is spent writes nothing.
+    // A late call after the budget is spent writes no byte, but still makes
+    // its one (empty) write call, which is how a vanished reader shows.
     iowrap::watch_write(p.w);
     EXPECT_EQ(cb_strace(&ctx, line, 21), 0);
-    EXPECT_TRUE(iowrap::writes().empty());
+    ASSERT_EQ(iowrap::writes().size(), 1u);
+    EXPECT_EQ(iowrap::writes()[0].asked, 0u);
     EXPECT_EQ(ctx.budget, 0);
     EXPECT_EQ(ctx.error, 0);
     EXPECT_EQ(p.finish(), std::string(line) + line + std::string(line, 18));
+}
+
+TEST_F(Stream, AnEmptyCallFindsAReaderThatHasGone)
+{
+    // The tracer calls with no text while the trace is quiet: the empty
+    // write finds the closed connection, so the trace stops at once.
+    int sv[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv), 0);
+    close(sv[1]);
+    cb_strace_ctx ctx = {sv[0], 100, 0};
+    EXPECT_EQ(cb_strace(&ctx, "", 0), 0);
+    EXPECT_EQ(ctx.error, 1);
+    EXPECT_EQ(ctx.budget, 100);
+    close(sv[0]);
 }
 
 TEST_F(Stream, TraceExactFitStops)
