@@ -160,7 +160,7 @@ class DebugPage(unittest.TestCase):
         # download, cut wherever the stop falls, then holds a whole one.
         with open("/proc/meminfo", "rb") as f:
             enough = 2 * (len(f.read()) + 40)
-        wait_until("two rounds of samples", lambda: self.received("rtrace") >= enough, timeout=120)
+        wait_until(lambda: self.received("rtrace") >= enough, "two rounds of samples", timeout=120)
         self.shot("runtime-trace.png")
         path, name = self.download("#rtrace-stop", "rtrace")
         self.assertEqual(name, "rtrace")
