@@ -250,10 +250,18 @@ int run_dbg_cgi(int argc, char **argv)
     dump_init();
 
     if (dbgcgi.dump_mode) {
+        // The archive keeps standard output's file on a descriptor of its
+        // own, and descriptor 1 becomes standard error: a warning printed on
+        // the way (the tracer's) must not land inside the archive.
+        unique_fd out(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));
+        if (!out.valid() || dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+            perror("dup");
+            return 1;
+        }
         if (dbgcgi.gzip)
-            stream_tgz(STDOUT_FILENO);
+            stream_tgz(out.get());
         else
-            stream_tar(STDOUT_FILENO);
+            stream_tar(out.get());
         return 0;
     }
     return serve();

@@ -5,6 +5,7 @@
 #include "common.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <mntent.h>
 #include <signal.h>
 #include <stdio.h>
@@ -47,7 +48,7 @@ bool write_all(int fd, const void *data, size_t len)
 // rtrace_send_file with the caller's buffer of RTRACE_BUF_SIZE bytes.
 int send_file(int fd, uint32_t type, const char *path, int32_t pid, char *buf)
 {
-    unique_file f(fopen(path, "rb"));
+    unique_file f(fopen(path, "rbe"));
     if (!f)
         return 1;
     bool sent = false;
@@ -213,7 +214,7 @@ int rtrace_start_apps(rtrace_config *config, rtrace_apps **apps)
         if (!(config->items & row.item))
             continue;
         int p[2];
-        if (pipe(p) != 0)
+        if (pipe2(p, O_CLOEXEC) != 0)
             continue;
         char *argv[4];
         for (int i = 0; i < 4; i++)
