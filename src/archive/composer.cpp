@@ -63,7 +63,7 @@ int stream_command(tar *t, int fd, const char *member, const char *tmpl, char *c
 {
     char name[64];
     snprintf(name, sizeof name, "%s", tmpl);
-    unique_fd tmp(mkstemp(name));
+    unique_fd tmp(mkostemp(name, O_CLOEXEC));
     if (!tmp.valid())
         return 0;
     unlink(name);

@@ -81,8 +81,13 @@ int gzip_filter()
     z_stream zs;
     memset(&zs, 0, sizeof zs);
     // Raw deflate at the fastest level: the header and trailer are ours.
-    deflateInit2_(&zs, 1, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY, ZLIB_VERSION,
-                  static_cast<int>(sizeof(z_stream)));
+    if (deflateInit2_(&zs, 1, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY, ZLIB_VERSION,
+                      static_cast<int>(sizeof(z_stream))) != Z_OK) {
+        // No compressor (no memory): nothing is sent, and the composer stops
+        // at its next write instead of feeding a filter that cannot work.
+        close(STDIN_FILENO);
+        return 1;
+    }
     int failed = compress_stdin(zs) != 0;
     if (failed)
         // The composer's next write into the pipe then fails with EPIPE.

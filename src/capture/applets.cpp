@@ -22,7 +22,7 @@ int run_pcapdump(int argc, char **argv)
         puts("USAGE: pcapdump netif dumpname");
         return 1;
     }
-    int fd = open(argv[2], O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    int fd = open(argv[2], O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (fd < 0) {
         perror(argv[2]);
         return 1;

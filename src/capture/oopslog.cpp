@@ -155,7 +155,7 @@ int run_oopslog(int argc, char **argv)
         step = 1;
     }
 
-    unique_fd fd(open(path, O_RDONLY));
+    unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
     if (!fd.valid()) {
         perror("open");
         return 1;

@@ -150,7 +150,7 @@ int open_capture(const char *ifname, const sock_fprog *filter)
 
     // ETH_P_ALL unconverted matches no frames: only the bound address selects
     // what arrives, so nothing of other interfaces slips in before the bind.
-    unique_fd sock(socket(AF_PACKET, SOCK_RAW, ETH_P_ALL));
+    unique_fd sock(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, ETH_P_ALL));
     if (!sock.valid())
         return -errno;
     // The filter goes on before the bind: once bound, frames queue at once,

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
@@ -58,15 +59,25 @@ void check_dumps(int *drained)
     }
     dfd.release();  // the directory stream owns it now
     const dirent *de;
-    do
-        de = readdir(d.get());
-    while (de && (strcmp(de->d_name, ".") == 0 || strcmp(de->d_name, "..") == 0));
-    if (de) {
-        int fd = openat(dirfd(d.get()), de->d_name, O_RDONLY | O_CLOEXEC);
+    int fd = -1;
+    // Only regular files are dumps.  Anything else is passed over: a FIFO
+    // would hold the daemon in open (hence O_NONBLOCK) or read, and a
+    // directory would be pushed as an empty download for ever.
+    while ((de = readdir(d.get()))) {
+        if (strcmp(de->d_name, ".") == 0 || strcmp(de->d_name, "..") == 0)
+            continue;
+        fd = openat(dirfd(d.get()), de->d_name, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
         if (fd == -1) {
             perror("check_dumps");
             return;
         }
+        struct stat st;
+        if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode))
+            break;
+        close(fd);
+        fd = -1;
+    }
+    if (de) {
         if (handle_request_push(fd, de->d_name) != 0) {
             syslog(LOG_ERR, "Failed to send dump: %s", de->d_name);
             return;
@@ -250,10 +261,18 @@ int run_dbg_cgi(int argc, char **argv)
     dump_init();
 
     if (dbgcgi.dump_mode) {
+        // The archive keeps standard output's file on a descriptor of its
+        // own, and descriptor 1 becomes standard error: a warning printed on
+        // the way (the tracer's) must not land inside the archive.
+        unique_fd out(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));
+        if (!out.valid() || dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+            perror("dup");
+            return 1;
+        }
         if (dbgcgi.gzip)
-            stream_tgz(STDOUT_FILENO);
+            stream_tgz(out.get());
         else
-            stream_tar(STDOUT_FILENO);
+            stream_tar(out.get());
         return 0;
     }
     return serve();

@@ -5,6 +5,7 @@
 #include "proc.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <pthread.h>
 #include <sched.h>
@@ -149,7 +150,7 @@ void open_report(monitor *mon, char *tmp, size_t size)
     int n = snprintf(tmp, size, "%s.tmp-XXXXXX", mon->report_path);
     if (n < 0 || static_cast<size_t>(n) >= size)
         return;
-    int fd = mkstemp(tmp);
+    int fd = mkostemp(tmp, O_CLOEXEC);
     if (fd < 0)
         return;
     mon->report = fdopen(fd, "w");

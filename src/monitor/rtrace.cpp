@@ -5,7 +5,10 @@
 #include "common.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <errno.h>
 #include <mntent.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -14,11 +17,45 @@
 #include <sys/statfs.h>
 #include <sys/time.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 static_assert(sizeof(rtrace_apps) == 88, "the running-helpers record is 88 bytes");
 
 namespace {
+
+long long now_ms()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// The wait between rounds: the interval, but at least a second, so that 0
+// does not run rounds back to back and an unparsable interval (-1) does not
+// mean sleeping for ever.
+long long wait_ms(const rtrace_config *config)
+{
+    return (config->interval < 1 ? 1 : static_cast<long long>(config->interval)) * 1000;
+}
+
+// Waits one interval; true when the client went away meanwhile (its
+// connection hung up), so a trace whose rounds write nothing still ends.
+bool departed_during_wait(const rtrace_config *config)
+{
+    long long deadline = now_ms() + wait_ms(config);
+    for (;;) {
+        long long left = deadline - now_ms();
+        if (left <= 0)
+            return false;
+        pollfd p = {config->fd, POLLRDHUP, 0};
+        int r = poll(&p, 1, static_cast<int>(left));
+        if (r < 0 && errno != EINTR)
+            return false;
+        if (r > 0 && (p.revents & (POLLRDHUP | POLLHUP | POLLERR | POLLNVAL)))
+            return true;
+    }
+}
 
 struct helper_row {
     uint32_t item;
@@ -47,7 +84,7 @@ bool write_all(int fd, const void *data, size_t len)
 // rtrace_send_file with the caller's buffer of RTRACE_BUF_SIZE bytes.
 int send_file(int fd, uint32_t type, const char *path, int32_t pid, char *buf)
 {
-    unique_file f(fopen(path, "rb"));
+    unique_file f(fopen(path, "rbe"));
     if (!f)
         return 1;
     bool sent = false;
@@ -213,7 +250,7 @@ int rtrace_start_apps(rtrace_config *config, rtrace_apps **apps)
         if (!(config->items & row.item))
             continue;
         int p[2];
-        if (pipe(p) != 0)
+        if (pipe2(p, O_CLOEXEC) != 0)
             continue;
         char *argv[4];
         for (int i = 0; i < 4; i++)
@@ -255,36 +292,46 @@ int rtrace_end_apps(rtrace_config *config, rtrace_apps *apps)
 
 int rtrace_pump_apps(rtrace_config *config, rtrace_apps *apps)
 {
-    fd_set watched;
-    FD_ZERO(&watched);
-    for (int i = 0; i < apps->count; i++)
-        FD_SET(apps->pipes[i][0], &watched);
     unique_heap<char[]> buf = heap_buffer(RTRACE_BUF_SIZE, true);
     if (!buf.get())
         return 0;
 
-    timeval left = {config->interval, 0};
-    do {
-        fd_set ready = watched;
-        // Linux lowers the time-out by the time spent.
-        int r = select(apps->maxfd + 1, &ready, nullptr, nullptr, &left);
-        if (r == -1)
-            return -1;
-        if (r == 0)
+    // The helpers' pipes and, last, the connection, watched for the
+    // client's departure only: a client that leaves ends the trace at once,
+    // whatever the interval or the helpers print.
+    pollfd fds[RTRACE_MAX_APPS + 1];
+    int n = apps->count;
+    for (int i = 0; i < n; i++)
+        fds[i] = {apps->pipes[i][0], POLLIN, 0};
+    fds[n] = {config->fd, POLLRDHUP, 0};
+    long long deadline = now_ms() + wait_ms(config);
+    for (;;) {
+        long long left = deadline - now_ms();
+        if (left <= 0)
             return 0;
-        for (int i = 0; i < apps->count; i++) {
-            if (!FD_ISSET(apps->pipes[i][0], &ready))
+        int r = poll(fds, static_cast<nfds_t>(n + 1), static_cast<int>(left));
+        if (r == -1) {
+            if (errno == EINTR)
                 continue;
-            ssize_t n = read(apps->pipes[i][0], buf.get(), RTRACE_BUF_SIZE - 1);
+            return -1;
+        }
+        if (fds[n].revents & (POLLRDHUP | POLLHUP | POLLERR))
+            return -1;
+        for (int i = 0; i < n; i++) {
+            if (!fds[i].revents)
+                continue;
+            ssize_t k = read(fds[i].fd, buf.get(), RTRACE_BUF_SIZE - 1);
             buf.get()[RTRACE_BUF_SIZE - 1] = '\0';
-            if (n <= 0)
+            if (k <= 0) {
+                // A helper that ended is watched no more.
+                fds[i].fd = -1;
                 continue;
-            if (rtrace_write_header(config->fd, apps->types[i], static_cast<uint32_t>(n), 0) != 0 ||
-                !write_all(config->fd, buf.get(), static_cast<size_t>(n)))
+            }
+            if (rtrace_write_header(config->fd, apps->types[i], static_cast<uint32_t>(k), 0) != 0 ||
+                !write_all(config->fd, buf.get(), static_cast<size_t>(k)))
                 return -1;
         }
-    } while (static_cast<long long>(left.tv_sec) * 1000000 + left.tv_usec > 0);
-    return 0;
+    }
 }
 
 int rtrace_send_round(rtrace_config *config)
@@ -327,8 +374,8 @@ int rtrace_run(rtrace_config *config)
         if (apps) {
             if (rtrace_pump_apps(config, apps) != 0)
                 break;
-        } else {
-            sleep(static_cast<unsigned>(config->interval));
+        } else if (departed_during_wait(config)) {
+            break;
         }
     }
     rtrace_end_apps(config, apps);

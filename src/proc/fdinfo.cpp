@@ -72,7 +72,7 @@ void put_v6_address(appender &out, const uint32_t words[4])
 // Searches one table for inode; -1 when the table is missing or lacks it.
 template <typename F> int search_table(const char *path, F line_fn)
 {
-    unique_file f(fopen(path, "r"));
+    unique_file f(fopen(path, "re"));
     if (!f)
         return -1;
     char line[LINE];

@@ -50,7 +50,7 @@ constexpr int NR_FD_MAX_RESTARTS = 16;
 
 int proc_read_file(const char *path, void *buf, size_t len)
 {
-    unique_fd fd(open(path, O_RDONLY));
+    unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
     if (!fd.valid())
         return -1;
     return static_cast<int>(read(fd.get(), buf, len));
@@ -296,7 +296,7 @@ int proc_mem_pread(int32_t pid, void *buf, unsigned len, int64_t offset)
     char path[128];
     if (!format_pid_path(path, sizeof path, "/proc/%ld/mem", pid))
         return -1;
-    unique_fd fd(open(path, O_RDONLY));
+    unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
     if (!fd.valid())
         return -1;
     // An unmapped offset shows up as a failing read.
@@ -307,7 +307,7 @@ int proc_mem_pread(int32_t pid, void *buf, unsigned len, int64_t offset)
 void proc_append_fdmap(tar *t, const char *member, int32_t pid, int out_fd)
 {
     char tmpl[] = "/tmp/.fdmapXXXXXX";
-    unique_fd tmp(mkstemp(tmpl));
+    unique_fd tmp(mkostemp(tmpl, O_CLOEXEC));
     if (!tmp.valid())
         return;
     // Lives only through the descriptor.

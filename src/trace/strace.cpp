@@ -122,7 +122,7 @@ void read_name(strace_pid_rec *rec, int pid)
 {
     char path[30];
     snprintf(path, sizeof path, "/proc/%d/cmdline", pid);
-    int fd = open(path, O_RDONLY);
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return;
     ssize_t n = read(fd, rec->name, 31);

@@ -288,23 +288,42 @@ class ArchiveInDevice(unittest.TestCase):
         self.assertIn(b"strace.log", r.stdout)
         calls = self.dev.run(["cat", "/tmp/composer.calls"], check=True).stdout.decode(
             errors="replace").splitlines()
-        header = next(i for i, c in enumerate(calls) if "write(1, " in c and "strace.log" in c)
+        # The archive's descriptor: the one its trace member's header went to.
+        header = next(i for i, c in enumerate(calls) if "write(" in c and "strace.log" in c)
+        fd = re.search(r"write\((\d+), ", calls[header]).group(1)
+        w = f"write({fd}, "
         failed = next((i for i, c in enumerate(calls) if "EPIPE" in c), None)
         self.assertIsNotNone(failed, "a write onto the vanished reader failed")
         self.assertGreater(failed, header)
-        first = calls[failed] if "write(1, " in calls[failed] else calls[failed - 1]
-        self.assertNotRegex(first, r'write\(1, " {64}', "the failed write is trace text, not filler")
+        first = calls[failed] if w in calls[failed] else calls[failed - 1]
+        self.assertNotIn(w + '"' + " " * 64, first, "the failed write is trace text, not filler")
         # The tracer may still hand over text until it ends; nothing of
         # the archive comes after it: no filler, no later member's header,
         # no capture, no command.
         after = calls[failed + 1:]
-        self.assertEqual([c for c in after if re.search(r'write\(1, " {64}', c)], [], "filler")
-        self.assertEqual([c for c in after if re.search(r'write\(1, "debug-\d{8}-\d{6}-c\d+/', c)],
+        self.assertEqual([c for c in after if w + '"' + " " * 64 in c], [], "filler")
+        self.assertEqual([c for c in after if re.search(re.escape(w) + r'"debug-\d{8}-\d{6}-c\d+/', c)],
                          [], "member headers")
         self.assertEqual([c for c in after if "AF_PACKET" in c or "execve(" in c], [],
                          "no capture and no command after the failed trace write")
         self.assertEqual(self.dev.run(["test", "-e", "/tmp/dumper-called"]).returncode, 1,
                          "no core was dumped after the client left")
+
+    def test_descriptor_1_of_a_dump_is_standard_error(self):
+        # Whatever is printed on the way (the tracer's warnings) goes to
+        # standard error; the archive keeps standard output's file on a
+        # descriptor of its own.  The loop polls the dump's descriptor
+        # table for the state after its set-up, with a bound of a minute.
+        r = self.dev.sh(
+            "debugar.cgi -d -t > /tmp/d1.tar 2> /tmp/d1.err & pid=$!; i=0; "
+            "while [ \"$(readlink /proc/$pid/fd/1)\" != /tmp/d1.err ] && [ $i -lt 6000 ]; do "
+            "sleep 0.01; i=$((i + 1)); done; "
+            "echo fd1=$(readlink /proc/$pid/fd/1); "
+            "for f in /proc/$pid/fd/*; do readlink $f; done | grep -c '^/tmp/d1.tar$'; "
+            "wait $pid; echo rc=$?; tar -tf /tmp/d1.tar > /dev/null && echo tar-ok",
+            timeout=300)
+        self.assertEqual(r.stdout.decode().split(), ["fd1=/tmp/d1.err", "1", "rc=0", "tar-ok"],
+                         r.stderr)
 
     def test_help(self):
         r = self.dev.run(["debugar.cgi", "-h"])

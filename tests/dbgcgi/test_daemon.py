@@ -42,7 +42,8 @@ class Service(unittest.TestCase):
     def tearDown(self):
         self.svc.stop_daemon()
         for name in os.listdir(self.svc.path(dbgdev.DUMP_DIR)):
-            os.unlink(self.svc.path(dbgdev.DUMP_DIR + "/" + name))
+            path = self.svc.path(dbgdev.DUMP_DIR + "/" + name)
+            (os.rmdir if os.path.isdir(path) else os.unlink)(path)
 
     def start(self, *args):
         return self.svc.start_daemon(args)
@@ -399,6 +400,36 @@ class Push(Service):
         self.assertIsNone(p.poll())
         self.push_crash(b"late core")
         self.assertEqual(self.finish(p, out, hdr)[2], b"late core")
+
+    def test_a_fifo_and_a_directory_among_the_dumps_are_passed_over(self):
+        d = self.svc.path(dbgdev.DUMP_DIR)
+        # The FIFO and the directory must be listed before the dump: made
+        # first or last, as this file system lists new entries.
+        for probe in ("p1", "p2"):
+            open(d + "/" + probe, "w").close()
+        newest_first = os.listdir(d).index("p2") < os.listdir(d).index("p1")
+        os.unlink(d + "/p1")
+        os.unlink(d + "/p2")
+        if newest_first:
+            data = self.dump_file("core.z.3", 3000)
+        os.mkfifo(d + "/a.fifo")
+        os.mkdir(d + "/b.dir")
+        if not newest_first:
+            data = self.dump_file("core.z.3", 3000)
+        names = os.listdir(d)
+        self.assertLess(min(names.index("a.fifo"), names.index("b.dir")), names.index("core.z.3"),
+                        "the directory lists something else before the dump")
+        self.start()
+        # Neither the FIFO (which would hold the daemon in open) nor the
+        # directory (an empty download) is offered: the dump behind them is.
+        p, out, hdr = self.listen_curl("listen", wait=False)
+        rc, h, body = self.finish(p, out, hdr)
+        self.assertEqual((rc, h, body), (0, dbgdev.header("application/octet-stream", "core.z.3"), data))
+        head, _ = self.svc.get("/x?cmd=ps")
+        self.assertEqual(head, dbgdev.header("text/plain", "psdump.txt"))
+        self.assertEqual(sorted(os.listdir(d)), ["a.fifo", "b.dir"])
+        os.unlink(d + "/a.fifo")
+        os.rmdir(d + "/b.dir")
 
     def test_dump_directory_empty_at_first_look_is_never_scanned_again(self):
         self.start()
