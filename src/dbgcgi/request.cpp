@@ -586,7 +586,8 @@ int handle_request_push(int src_fd, const char *name)
             // The end of the dump: delivered.
             if (n == 0)
                 break;
-            if (safe_write(listener, buf, static_cast<unsigned>(n)) < 0) {
+            // A listener that takes nothing must not hold the main thread.
+            if (safe_write_within(listener, buf, static_cast<unsigned>(n), stall_limit_ms) < 0) {
                 result = 1;
                 break;
             }
