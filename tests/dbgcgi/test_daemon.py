@@ -222,6 +222,13 @@ class ControlDatagrams(Service):
         and it has only its own threads and no child."""
         self.svc.sync()
         wait_until(self.svc.idle, "the daemon idle")
+        # The monitor thread's first round opens files of its own: the base
+        # is taken once that round is over (its report in place and no
+        # descriptor on it left), not in the middle of it.
+        report = self.svc.path("/var/run/dbg-cgi/dbg-monitor.txt")
+        wait_until(lambda: os.path.exists(report)
+                   and not any("dbg-monitor" in t for t in self.svc.fds().values()),
+                   "the monitor's first round over")
         return self.stats()
 
     def assert_back_to_base(self):
