@@ -271,8 +271,11 @@ namespace request_module {
 int cb_strace(void *arg, const char *buf, int len)
 {
     strace_req *req = static_cast<strace_req *>(arg);
-    if (len > 0)
-        safe_write(req->fd, buf, static_cast<unsigned>(len));
+    // A client that takes nothing for the stall limit (or has gone) ends the
+    // trace: every traced process waits while the tracer writes.
+    if (len > 0 && load(&req->running) &&
+        safe_write_within(req->fd, buf, static_cast<unsigned>(len), stall_limit_ms) < 0)
+        store(&req->running, 0);
     int running = load(&req->running);
     if (!running && len == 0) {
         // The tracer leaves its loop on this answer and detaches its
