@@ -27,7 +27,7 @@ void put_le32(unsigned char *p, uint32_t v)
 int write_out(z_stream &zs, unsigned char *out)
 {
     unsigned have = GZ_BUFSIZE - zs.avail_out;
-    if (have && safe_write(STDOUT_FILENO, out, have) < 0)
+    if (have && safe_write_within(STDOUT_FILENO, out, have, stall_limit_ms) < 0)
         return -1;
     return 0;
 }
@@ -41,7 +41,7 @@ int compress_stdin(z_stream &zs)
     uLong crc = crc32(0, nullptr, 0);
     uint32_t total = 0;
 
-    if (safe_write(STDOUT_FILENO, header, sizeof header) < 0)
+    if (safe_write_within(STDOUT_FILENO, header, sizeof header, stall_limit_ms) < 0)
         return -1;
     for (;;) {
         int n = safe_read(STDIN_FILENO, in, sizeof in);
@@ -71,7 +71,7 @@ int compress_stdin(z_stream &zs)
     unsigned char trailer[8];
     put_le32(trailer, static_cast<uint32_t>(crc));
     put_le32(trailer + 4, total);
-    return safe_write(STDOUT_FILENO, trailer, sizeof trailer) < 0 ? -1 : 0;
+    return safe_write_within(STDOUT_FILENO, trailer, sizeof trailer, stall_limit_ms) < 0 ? -1 : 0;
 }
 
 }  // namespace

@@ -32,6 +32,12 @@ constexpr int stall_limit_ms = 30 * 1000;
 // process).  Returns len or -1 (errno set).
 int safe_write_within(int fd, const void *buf, unsigned len, int limit_ms);
 
+// Copies in to out until end of input like safe_copyfd, each write bounded
+// by limit_ms as in safe_write_within.  Returns the bytes written, or -1
+// when the reader of out went away (EPIPE) or took nothing for the limit
+// (ETIMEDOUT), or the input failed.
+int safe_copyfd_within(int in, int out, int limit_ms);
+
 // Writes count bytes of blank text lines (79 spaces and a newline each).
 void pad_ascii(int fd, int count);
 

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <limits.h>
 #include <poll.h>
+#include <stdint.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -39,6 +40,15 @@ int safe_write_within(int fd, const void *buf, unsigned len, int limit_ms)
 {
     const char *p = static_cast<const char *>(buf);
     unsigned total = 0;
+    // An empty write is still made, once: it is how a caller with nothing
+    // to say finds out that the reader has gone.
+    if (len == 0) {
+        ssize_t n;
+        do
+            n = write(fd, buf, 0);
+        while (n < 0 && errno == EINTR);
+        return n < 0 && errno != EAGAIN ? -1 : 0;
+    }
     kind k = kind_of(fd);
     long long deadline = now_ms() + limit_ms;
     while (total < len) {
@@ -74,4 +84,28 @@ int safe_write_within(int fd, const void *buf, unsigned len, int limit_ms)
             deadline = now_ms() + limit_ms;
     }
     return static_cast<int>(total);
+}
+
+int safe_copyfd_within(int in, int out, int limit_ms)
+{
+    char buf[16384];
+    uint32_t total = 0;
+    for (;;) {
+        ssize_t n = read(in, buf, sizeof buf);
+        if (n == -1) {
+            if (errno == EINTR || errno == EAGAIN)
+                continue;
+            return -1;
+        }
+        if (n == 0)
+            return static_cast<int32_t>(total);
+        int w = safe_write_within(out, buf, static_cast<unsigned>(n), limit_ms);
+        if (w == -1) {
+            if (errno == EPIPE || errno == ETIMEDOUT)
+                return -1;
+            // Other output errors drop this chunk and go on with the next.
+            continue;
+        }
+        total += static_cast<uint32_t>(w);
+    }
 }

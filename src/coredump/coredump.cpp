@@ -178,7 +178,8 @@ int dump_one(tar *t, int fd, int32_t *pids, int index, int npids)
     if (clen != 0) {
         snprintf(pid_text, sizeof pid_text, "%score", dir);
         tar_addfile(t, pid_text, static_cast<uint32_t>(clen));
-        int copied = safe_copyfd(data.rd.get(), fd);
+        // A reader that takes nothing for the stall limit counts as gone.
+        int copied = safe_copyfd_within(data.rd.get(), fd, stall_limit_ms);
         if (copied != clen) {
             if (copied == -1) {
                 fputs("ABORT!\n", stderr);
@@ -218,7 +219,9 @@ int coredump(int fd, int32_t pid)
     int child = start_dumper(pid_text_core, pid, out.wr.get(), err.wr.get());
     out.wr.reset();
     err.wr.reset();
-    safe_copyfd(out.rd.get(), fd);
+    // A client that takes nothing for the stall limit is given up: the rest
+    // of the core is drained so the dumper ends and lets the process go.
+    safe_copyfd_within(out.rd.get(), fd, stall_limit_ms);
     safe_copyfd(out.rd.get(), null_fd);
     safe_copyfd(err.rd.get(), null_fd);
     int status = 0;

@@ -147,6 +147,12 @@ int debug_info_daemon(int cgi_fd, int segf_fd)
             if (len < 1)
                 continue;
             request_buf[len] = '\0';
+            // A connection handed over non-blocking would turn every wait
+            // for the browser into a busy loop: the service writes blocking,
+            // each wait bounded by the stall limit.
+            int fl = client >= 0 ? fcntl(client, F_GETFL) : -1;
+            if (fl != -1 && (fl & O_NONBLOCK))
+                fcntl(client, F_SETFL, fl & ~O_NONBLOCK);
             pre_process_request(client, request_buf, len);
         }
         if (FD_ISSET(segf_fd, &rd)) {

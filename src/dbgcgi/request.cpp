@@ -271,8 +271,11 @@ namespace request_module {
 int cb_strace(void *arg, const char *buf, int len)
 {
     strace_req *req = static_cast<strace_req *>(arg);
-    if (len > 0)
-        safe_write(req->fd, buf, static_cast<unsigned>(len));
+    // A client that takes nothing for the stall limit (or has gone) ends the
+    // trace: every traced process waits while the tracer writes.
+    if (len > 0 && load(&req->running) &&
+        safe_write_within(req->fd, buf, static_cast<unsigned>(len), stall_limit_ms) < 0)
+        store(&req->running, 0);
     int running = load(&req->running);
     if (!running && len == 0) {
         // The tracer leaves its loop on this answer and detaches its
@@ -586,7 +589,8 @@ int handle_request_push(int src_fd, const char *name)
             // The end of the dump: delivered.
             if (n == 0)
                 break;
-            if (safe_write(listener, buf, static_cast<unsigned>(n)) < 0) {
+            // A listener that takes nothing must not hold the main thread.
+            if (safe_write_within(listener, buf, static_cast<unsigned>(n), stall_limit_ms) < 0) {
                 result = 1;
                 break;
             }

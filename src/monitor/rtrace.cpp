@@ -32,8 +32,7 @@ long long now_ms()
 }
 
 // The wait between rounds: the interval, but at least a second, so that 0
-// does not run rounds back to back and an unparsable interval (-1) does not
-// mean sleeping for ever.
+// does not run rounds back to back.
 long long wait_ms(const rtrace_config *config)
 {
     return (config->interval < 1 ? 1 : static_cast<long long>(config->interval)) * 1000;
@@ -43,6 +42,10 @@ long long wait_ms(const rtrace_config *config)
 // connection hung up), so a trace whose rounds write nothing still ends.
 bool departed_during_wait(const rtrace_config *config)
 {
+    // A negative interval (an unparsable one) ends the trace after its first
+    // round, as it does with helpers, instead of sleeping for ever.
+    if (config->interval < 0)
+        return true;
     long long deadline = now_ms() + wait_ms(config);
     for (;;) {
         long long left = deadline - now_ms();
@@ -292,6 +295,9 @@ int rtrace_end_apps(rtrace_config *config, rtrace_apps *apps)
 
 int rtrace_pump_apps(rtrace_config *config, rtrace_apps *apps)
 {
+    // A negative interval is no time to wait: the trace ends.
+    if (config->interval < 0)
+        return -1;
     unique_heap<char[]> buf = heap_buffer(RTRACE_BUF_SIZE, true);
     if (!buf.get())
         return 0;

@@ -71,7 +71,8 @@ int cb_strace(void *ctx, const char *buf, int len)
         n = 0;
     // Even a zero-length write is made: the tracer's empty calls are how a
     // client that has gone away is noticed while the trace is quiet.
-    if (safe_write(c->fd, buf, static_cast<unsigned>(n)) < 0) {
+    // Bounded: while the tracer waits here, every traced process is stopped.
+    if (safe_write_within(c->fd, buf, static_cast<unsigned>(n), stall_limit_ms) < 0) {
         c->error = 1;
         return 0;
     }

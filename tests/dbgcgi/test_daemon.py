@@ -7,6 +7,7 @@ socket files; syslog lines arrive at the device's /dev/log."""
 import os
 import socket
 import subprocess
+import threading
 import time
 import unittest
 
@@ -451,6 +452,36 @@ class Push(Service):
         self.push_crash(b"crash")
         self.assertEqual(self.finish(p, out, hdr)[2], b"crash")
         self.assertEqual(len(data), 1000)
+
+    def test_a_listener_that_takes_nothing_is_given_up_after_the_stall_limit(self):
+        self.start()
+        # The listener's browser holds its connection open and reads nothing;
+        # it hands the daemon a non-blocking descriptor, which must not make
+        # the daemon spin.
+        a, b = socket.socketpair()
+        a.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        b.setblocking(False)
+        listener = f"socket:[{os.fstat(b.fileno()).st_ino}]"
+        self.svc.handoff(b"/x\0listen\0", [b.fileno()])
+        b.close()
+        self.svc.sync()
+        self.assertIn(listener, self.svc.fds().values())
+        # 8 MiB of crash core: far more than the connection holds.
+        pusher = threading.Thread(target=self.push_crash, args=(b"c" * (8 << 20),), daemon=True)
+        pusher.start()
+        try:
+            # The daemon gives up on the listener after the stall limit (30 s)
+            # and answers again; the wait's bound is only a hang guard.
+            head, _ = self.svc.get("/x?cmd=ps", timeout=120)
+            self.assertEqual(head, dbgdev.header("text/plain", "psdump.txt"))
+            wait_until(lambda: listener not in self.svc.fds().values(), "the listener closed", 120)
+            # It had something: the header and what its buffers hold.
+            got = a.recv(1 << 20, socket.MSG_DONTWAIT)
+            self.assertTrue(got.startswith(b"HTTP/1.0 200 OK\r\n"), got[:100])
+        finally:
+            a.close()
+            pusher.join(120)
+        self.assertFalse(pusher.is_alive())
 
     def test_push_to_a_closed_listener_fails_and_frees_the_slot(self):
         self.dump_file("core.x.1", 100000)

@@ -291,6 +291,31 @@ class SystemCallTrace(unittest.TestCase):
         self.assert_nothing_traced()
         quiet_daemon()
 
+    def test_a_client_that_stops_reading_is_given_up(self):
+        # A busy process traced for a browser that reads nothing: once the
+        # connection is full, the tracer waits on it with every traced process
+        # stopped; after the stall limit (30 s) it gives up and lets them go.
+        p = SVC.dev.popen(["sh", "-c", "echo $$; while :; do :> /dev/null; done"],
+                          stdout=subprocess.PIPE)
+        pid = int(p.stdout.readline())
+        try:
+            s = SVC.connect()
+            s.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+            s.sendall(f"GET /x?cmd=strace&pid={pid} HTTP/1.0\r\n\r\n".encode())
+            wait_until(lambda: self.tracer_of(SVC.host_pid(pid)) == "daemon", "the attach")
+            # The hang guard is well above the limit; the trace ends by itself.
+            wait_until(lambda: self.tracer_of(SVC.host_pid(pid)) == 0, "the trace given up", 120)
+            self.assert_nothing_traced()
+            s.close()
+            quiet_daemon()
+        finally:
+            # The busy loop itself, not only the command that entered the
+            # device for it.
+            SVC.dev.run(["kill", "-9", str(pid)])
+            p.kill()
+            p.wait()
+            p.stdout.close()
+
     def test_second_trace_waits_for_the_first(self):
         hearth = device_pid("hearth")
         s1 = SVC.open_request(f"/x?cmd=strace&pid={hearth}")

@@ -269,24 +269,31 @@ class Rtrace(unittest.TestCase):
                 p.kill()
                 p.wait()
 
-    def test_an_interval_below_one_waits_a_second(self):
-        # 0 would run rounds back to back, -1 (an unparsable interval) would
-        # sleep for ever: both wait one second between rounds.
-        for interval in ("0", "-1"):
-            with tempfile.NamedTemporaryFile("r", dir="/tmp") as log:
-                p = subprocess.Popen(["strace", "-qq", "-e", "trace=poll,ppoll", "-o", log.name]
-                                     + bb.command(PROBE, "rtrace", "0", interval),
-                                     stdout=subprocess.PIPE, stdin=subprocess.DEVNULL)
-                try:
-                    wait_until(lambda: re.search(r"poll\(.*\], 1, (\d+)\)", log.read() or "")
-                               or (log.seek(0) and False), "the wait between rounds")
-                    log.seek(0)
-                    waits = [int(t) for t in re.findall(r"poll\(.*\], 1, (\d+)\)", log.read())]
-                    self.assertTrue(waits and all(900 <= t <= 1000 for t in waits), waits)
-                finally:
-                    p.kill()
-                    p.wait()
-                    p.stdout.close()
+    def test_an_interval_of_0_waits_a_second(self):
+        # 0 would run rounds back to back: the wait is one second.
+        with tempfile.NamedTemporaryFile("r", dir="/tmp") as log:
+            p = subprocess.Popen(["strace", "-qq", "-e", "trace=poll,ppoll", "-o", log.name]
+                                 + bb.command(PROBE, "rtrace", "0", "0"),
+                                 stdout=subprocess.PIPE, stdin=subprocess.DEVNULL)
+            try:
+                wait_until(lambda: re.search(r"poll\(.*\], 1, (\d+)\)", log.read() or "")
+                           or (log.seek(0) and False), "the wait between rounds")
+                log.seek(0)
+                waits = [int(t) for t in re.findall(r"poll\(.*\], 1, (\d+)\)", log.read())]
+                self.assertTrue(waits and all(900 <= t <= 1000 for t in waits), waits)
+            finally:
+                p.kill()
+                p.wait()
+                p.stdout.close()
+
+    def test_a_negative_interval_ends_after_one_round(self):
+        # An unparsable interval (-1) is no time to wait: one round (the
+        # meminfo record), then the end, with or without helpers.
+        p = subprocess.Popen(bb.command(PROBE, "rtrace", "16", "-1"),
+                             stdout=subprocess.PIPE, stdin=subprocess.DEVNULL)
+        out, _ = p.communicate(timeout=60)
+        self.assertEqual(p.returncode, 0)
+        self.assertEqual([(r.type, r.flag) for r in montest.records(out)], [(8, 1), (8, 0)])
 
 
 def main():
