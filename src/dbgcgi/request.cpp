@@ -172,6 +172,11 @@ void start_archive(unique_fd conn, int gzip)
     }
     store(&archive_in_progress, 1);
     unique_heap<archive_req> req(static_cast<archive_req *>(malloc(sizeof(archive_req))));
+    if (!req) {
+        store(&archive_in_progress, 0);
+        reply_internal_error(conn.get());
+        return;
+    }
     req->fd = conn.get();
     req->gzip = gzip;
     if (!hand_to_thread(run_archive_request, req, conn))
@@ -211,6 +216,11 @@ void coredump_request(unique_fd conn)
 void pcap_request(unique_fd conn)
 {
     unique_heap<pcap_req> req(static_cast<pcap_req *>(malloc(sizeof(pcap_req))));
+    if (!req) {
+        CGI_cleanup();
+        reply_internal_error(conn.get());
+        return;
+    }
     req->fd = conn.get();
     int v;
     req->duration = parse_number(CGI_get_value("duration"), &v) && v >= 0 ? v : 0;
@@ -232,6 +242,11 @@ void ps_request(unique_fd conn)
 void rtrace_request(unique_fd conn)
 {
     unique_heap<rtrace_req> req(static_cast<rtrace_req *>(malloc(sizeof(rtrace_req))));
+    if (!req) {
+        CGI_cleanup();
+        reply_internal_error(conn.get());
+        return;
+    }
     req->fd = conn.get();
 
     const char *interval = CGI_get_value("interval");
@@ -360,6 +375,10 @@ void prepare_strace_request(int fd)
         return;
     }
     unique_heap<strace_req> req(static_cast<strace_req *>(calloc(1, sizeof(strace_req))));
+    if (!req) {
+        reply_internal_error(conn.get());
+        return;
+    }
     memcpy(req->pids, pids, sizeof(int32_t) * static_cast<size_t>(count));
     req->npids = count;
     req->fd = conn.get();
@@ -379,6 +398,10 @@ void pre_process_request(int fd, char *msg, int len)
     const char *q = msg + pathlen + 1;
     size_t qlen = strnlen(q, static_cast<size_t>(len) - pathlen - 1);
     unique_heap<char> query(strndup(q, qlen));
+    if (!query) {
+        reply_internal_error(fd);
+        return;
+    }
     CGI_set_query(query.get());
     CGI_save_env();
     const char *cmd = CGI_get_value("cmd");

@@ -22,6 +22,39 @@
 #include <string>
 #include <thread>
 
+// Allocation seam (linked with --wrap): the next allocation of exactly the
+// armed size fails, as it would on a device out of memory.
+size_t fail_alloc_size;
+extern "C" {
+void *__real_malloc(size_t size);
+void *__real_calloc(size_t n, size_t size);
+char *__real_strndup(const char *s, size_t n);
+void *__wrap_malloc(size_t size)
+{
+    if (fail_alloc_size && size == fail_alloc_size) {
+        fail_alloc_size = 0;
+        return nullptr;
+    }
+    return __real_malloc(size);
+}
+void *__wrap_calloc(size_t n, size_t size)
+{
+    if (fail_alloc_size && n * size == fail_alloc_size) {
+        fail_alloc_size = 0;
+        return nullptr;
+    }
+    return __real_calloc(n, size);
+}
+char *__wrap_strndup(const char *s, size_t n)
+{
+    if (fail_alloc_size && strnlen(s, n) + 1 == fail_alloc_size) {
+        fail_alloc_size = 0;
+        return nullptr;
+    }
+    return __real_strndup(s, n);
+}
+}
+
 namespace {
 
 const std::string bad_request =
@@ -295,6 +328,33 @@ TEST_F(Request, OneArchiveAtATime)
     EXPECT_EQ(ask("/x", "cmd=ps"), header("text/plain", "psdump.txt") + "ps");
     __atomic_store_n(&archive_in_progress, 0, __ATOMIC_SEQ_CST);
     EXPECT_EQ(out, header("application/x-tar", "debug.tar") + "tar");
+}
+
+TEST_F(Request, NoMemoryForARequestAnswers500)
+{
+    // Each request's record, and the query's copy: 500, never a crash, and
+    // the archive slot is free again.
+    struct {
+        const char *path, *query;
+        size_t size;
+    } cases[] = {
+        {"/x/debug.tar", "", sizeof(archive_req)},
+        {"/x", "cmd=pcapdump", sizeof(pcap_req)},
+        {"/x", "cmd=rtrace", sizeof(rtrace_req)},
+        {"/x", "cmd=strace&pid=1", sizeof(strace_req)},
+        // The query's copy: a length no record has.
+        {"/x", "cmd=ps&zzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzzz", 0},
+    };
+    for (auto &c : cases) {
+        stub_reset();
+        fail_alloc_size = c.size ? c.size : strlen(c.query) + 1;
+        EXPECT_EQ(ask(c.path, c.query), internal_error) << c.query;
+        EXPECT_EQ(fail_alloc_size, 0u) << "the allocation was made: " << c.query;
+        fail_alloc_size = 0;
+        EXPECT_EQ(archive_busy(), 0);
+        EXPECT_TRUE(stub_calls().empty()) << c.query;
+    }
+    EXPECT_TRUE(eventually(quiet));
 }
 
 TEST_F(Request, FixedErrors)
