@@ -20,6 +20,10 @@ int safe_write(int fd, const void *buf, unsigned len);
 // Returns the bytes written, or -1 when the reader of out went away (EPIPE).
 int safe_copyfd(int in, int out);
 
+// Milliseconds on the monotonic clock: for deadlines that a change of the
+// wall clock must not move.
+long long monotonic_ms();
+
 // How long a peer may accept no byte of what we have for it before we give
 // up on it: a browser, a listener or a dumper's reader that stops reading
 // must never hold the device (its processes stopped or traced) for longer.

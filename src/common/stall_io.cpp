@@ -10,13 +10,6 @@
 
 namespace {
 
-long long now_ms()
-{
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
 // How one piece is written without blocking past a ready poll: a socket
 // takes MSG_DONTWAIT for this call alone; a pipe that polls writable takes
 // PIPE_BUF bytes whole; a file or device never waits on a peer.
@@ -36,6 +29,13 @@ kind kind_of(int fd)
 
 } // namespace
 
+long long monotonic_ms()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
 int safe_write_within(int fd, const void *buf, unsigned len, int limit_ms)
 {
     const char *p = static_cast<const char *>(buf);
@@ -50,10 +50,10 @@ int safe_write_within(int fd, const void *buf, unsigned len, int limit_ms)
         return n < 0 && errno != EAGAIN ? -1 : 0;
     }
     kind k = kind_of(fd);
-    long long deadline = now_ms() + limit_ms;
+    long long deadline = monotonic_ms() + limit_ms;
     while (total < len) {
         if (k != kind::file) {
-            long long left = deadline - now_ms();
+            long long left = deadline - monotonic_ms();
             if (left <= 0) {
                 errno = ETIMEDOUT;
                 return -1;
@@ -81,7 +81,7 @@ int safe_write_within(int fd, const void *buf, unsigned len, int limit_ms)
         }
         total += static_cast<unsigned>(n);
         if (n > 0)
-            deadline = now_ms() + limit_ms;
+            deadline = monotonic_ms() + limit_ms;
     }
     return static_cast<int>(total);
 }

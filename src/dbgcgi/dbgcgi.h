@@ -73,7 +73,10 @@ struct strace_req {
 void pre_process_request(int fd, char *msg, int len);
 void prepare_strace_request(int fd);
 // Adds the process(es) that token names (a pid or a process name) to pids.
-void strace_add_target(char *token, int32_t *pids, int *count);
+// Names are looked up in names, read from /proc at the first name (names
+// starts empty; the caller frees it with proc_name_index_free).
+struct proc_name_index;
+void strace_add_target(char *token, int32_t *pids, int *count, proc_name_index *names);
 // Bit value of one "trace" option name, 0 when unknown.
 uint32_t rtrace_option_lookup(const char *name);
 

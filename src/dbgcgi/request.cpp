@@ -339,7 +339,7 @@ uint32_t rtrace_option_lookup(const char *name)
     return 0;
 }
 
-void strace_add_target(char *token, int32_t *pids, int *count)
+void strace_add_target(char *token, int32_t *pids, int *count, proc_name_index *names)
 {
     int pid;
     if (parse_number(token, &pid) && pid != -1) {
@@ -351,7 +351,10 @@ void strace_add_target(char *token, int32_t *pids, int *count)
         return;
     int32_t found[max_piece];
     int n = 0;
-    proc_find_pid_by_name("/proc", token, found, &n, max_piece);
+    // One look at /proc serves every name of the list.
+    if (!names->pids && proc_name_index_build("/proc", names) != 0)
+        return;
+    proc_name_index_find(names, token, found, &n, max_piece);
     for (int i = 0; i < n && *count < STRACE_REQ_MAX_PIDS; i++)
         pids[(*count)++] = found[i];
 }
@@ -365,9 +368,11 @@ void prepare_strace_request(int fd)
     if (!list) {
         count = proc_list(pids, STRACE_REQ_MAX_PIDS, getpid());
     } else {
+        proc_name_index names = {0, nullptr, nullptr};
         for_each_piece(
             list, [&count] { return count < STRACE_REQ_MAX_PIDS; },
-            [&](char *token) { strace_add_target(token, pids, &count); });
+            [&](char *token) { strace_add_target(token, pids, &count, &names); });
+        proc_name_index_free(&names);
     }
     CGI_cleanup();
     if (count == 0) {

@@ -6,6 +6,8 @@
 // thread that cannot stop is left out rather than waited for.
 #include "memsnap.h"
 
+#include "common.h"
+
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -64,13 +66,6 @@ int thread_group(int pid)
             break;
     fclose(f);
     return tgid;
-}
-
-long long now_ms()
-{
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
 // Records one wait result against its thread.
@@ -139,7 +134,7 @@ void wait_stops(snap_threads *ts, long long deadline)
         while (sigtimedwait(&chld, nullptr, &zero) == SIGCHLD) {
         }
         take_statuses(ts);
-        long long left = deadline - now_ms();
+        long long left = deadline - monotonic_ms();
         if (!any_seized(ts) || left <= 0)
             break;
         timespec ts_left = {static_cast<time_t>(left / 1000), static_cast<long>(left % 1000) * 1000000};
@@ -182,7 +177,7 @@ int snap_stop_all(snap_threads *ts, int pid)
 
     char taskdir[64];
     snprintf(taskdir, sizeof taskdir, "/proc/%d/task", tgid);
-    long long deadline = now_ms() + SNAP_STOP_DEADLINE_MS;
+    long long deadline = monotonic_ms() + SNAP_STOP_DEADLINE_MS;
     // A thread can start another only while it runs; once a whole scan finds
     // nothing new, every thread is held.
     for (;;) {

@@ -24,13 +24,6 @@ static_assert(sizeof(rtrace_apps) == 88, "the running-helpers record is 88 bytes
 
 namespace {
 
-long long now_ms()
-{
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
 // The wait between rounds: the interval, but at least a second, so that 0
 // does not run rounds back to back.
 long long wait_ms(const rtrace_config *config)
@@ -46,9 +39,9 @@ bool departed_during_wait(const rtrace_config *config)
     // round, as it does with helpers, instead of sleeping for ever.
     if (config->interval < 0)
         return true;
-    long long deadline = now_ms() + wait_ms(config);
+    long long deadline = monotonic_ms() + wait_ms(config);
     for (;;) {
-        long long left = deadline - now_ms();
+        long long left = deadline - monotonic_ms();
         if (left <= 0)
             return false;
         pollfd p = {config->fd, POLLRDHUP, 0};
@@ -310,9 +303,9 @@ int rtrace_pump_apps(rtrace_config *config, rtrace_apps *apps)
     for (int i = 0; i < n; i++)
         fds[i] = {apps->pipes[i][0], POLLIN, 0};
     fds[n] = {config->fd, POLLRDHUP, 0};
-    long long deadline = now_ms() + wait_ms(config);
+    long long deadline = monotonic_ms() + wait_ms(config);
     for (;;) {
-        long long left = deadline - now_ms();
+        long long left = deadline - monotonic_ms();
         if (left <= 0)
             return 0;
         int r = poll(fds, static_cast<nfds_t>(n + 1), static_cast<int>(left));

@@ -95,6 +95,21 @@ int32_t proc_ppid(int32_t pid);
 // how many were stored.
 void proc_find_pid_by_name(const char *dir, const char *name, int32_t *pids, int *count,
                            int capacity);
+// The short names of all processes under dir, read in one pass, so that many
+// names are looked up without a scan of dir per name.  Names of 64 bytes or
+// more are kept as "" (no name looked up is that long).
+struct proc_name_index {
+    int n;
+    int32_t *pids;
+    char (*names)[64];
+};
+// 0, or -1 when dir cannot be read or there is no memory (ix is then empty).
+int proc_name_index_build(const char *dir, proc_name_index *ix);
+// As proc_find_pid_by_name, from the index: the first capacity matches in
+// directory order.
+void proc_name_index_find(const proc_name_index *ix, const char *name, int32_t *pids, int *count,
+                          int capacity);
+void proc_name_index_free(proc_name_index *ix);
 // Descriptor numbers of a process, at most capacity; 0 when unreadable.
 int proc_fdlist(int32_t pid, int *fds, int capacity);
 // Number of open descriptors; the non-null out-pointers get the sockets and

@@ -218,6 +218,60 @@ void proc_find_pid_by_name(const char *dir, const char *name, int32_t *pids, int
     }
 }
 
+int proc_name_index_build(const char *dir, proc_name_index *ix)
+{
+    *ix = {0, nullptr, nullptr};
+    unique_dir d(opendir(dir));
+    if (!d)
+        return -1;
+    int cap = 0;
+    while (const dirent *de = readdir(d.get())) {
+        if (!isdigit(static_cast<unsigned char>(de->d_name[0])))
+            continue;
+        if (ix->n == cap) {
+            int grown = cap ? cap * 2 : 256;
+            auto *p = static_cast<int32_t *>(realloc(ix->pids, sizeof(int32_t) * static_cast<size_t>(grown)));
+            if (p)
+                ix->pids = p;
+            auto *nm = p ? static_cast<char(*)[64]>(realloc(ix->names, 64 * static_cast<size_t>(grown)))
+                         : nullptr;
+            if (!nm) {
+                proc_name_index_free(ix);
+                return -1;
+            }
+            ix->names = nm;
+            cap = grown;
+        }
+        int32_t pid = static_cast<int32_t>(strtol(de->d_name, nullptr, 10));
+        char pname[1024];
+        if (!proc_name_from_dir(dir, pid, pname, sizeof pname))
+            continue;
+        size_t len = strnlen(pname, sizeof pname);
+        ix->pids[ix->n] = pid;
+        memcpy(ix->names[ix->n], pname, len < 64 ? len + 1 : 1);
+        if (len >= 64)
+            ix->names[ix->n][0] = 0;
+        ix->n++;
+    }
+    return 0;
+}
+
+void proc_name_index_find(const proc_name_index *ix, const char *name, int32_t *pids, int *count,
+                          int capacity)
+{
+    *count = 0;
+    for (int i = 0; i < ix->n && *count < capacity; i++)
+        if (ix->names[i][0] && strcmp(ix->names[i], name) == 0)
+            pids[(*count)++] = ix->pids[i];
+}
+
+void proc_name_index_free(proc_name_index *ix)
+{
+    free(ix->pids);
+    free(ix->names);
+    *ix = {0, nullptr, nullptr};
+}
+
 int proc_fdlist(int32_t pid, int *fds, int capacity)
 {
     char path[64];

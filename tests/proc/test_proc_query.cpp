@@ -632,6 +632,42 @@ TEST(ProcFindPidByName, MadeUpTree)
     EXPECT_EQ(count, 0);
 }
 
+TEST(ProcNameIndex, FindsWhatAScanPerNameFinds)
+{
+    TempDir d;
+    d.write("100/cmdline", s("/bin/alpha\0", 11));
+    d.write("101/stat", "101 (alpha) S 1");
+    d.write("102/stat", "102 (beta) S 1");
+    d.write("103/cmdline", s("/usr/alpha\0", 11));
+    d.write("104/cmdline", "/usr/" + std::string(70, 'l'));
+    for (int i = 200; i < 600; i++)
+        d.write(std::to_string(i) + "/stat", std::to_string(i) + " (many) S 1");
+    d.write("self/stat", "5 (alpha) S 1");
+
+    proc_name_index ix;
+    ASSERT_EQ(proc_name_index_build(d.path.c_str(), &ix), 0);
+    EXPECT_EQ(ix.n, 405);
+    for (const char *name : {"alpha", "beta", "many", "gamma", "l"}) {
+        for (int cap : {0, 1, 2, 8, 32}) {
+            int32_t a[32], b[32];
+            int na = -1, nb = -1;
+            proc_find_pid_by_name(d.path.c_str(), name, a, &na, cap);
+            proc_name_index_find(&ix, name, b, &nb, cap);
+            ASSERT_EQ(na, nb) << name << " " << cap;
+            EXPECT_EQ(std::vector<int32_t>(a, a + na), std::vector<int32_t>(b, b + nb)) << name;
+        }
+    }
+    // A name of 64 bytes or more matches nothing.
+    int32_t pids[4];
+    int n = -1;
+    proc_name_index_find(&ix, "", pids, &n, 4);
+    EXPECT_EQ(n, 0);
+    proc_name_index_free(&ix);
+    EXPECT_EQ(ix.n, 0);
+    EXPECT_EQ(proc_name_index_build((d.path + "/missing").c_str(), &ix), -1);
+    EXPECT_EQ(ix.n, 0);
+}
+
 TEST(ProcFindPidByName, LiveProcess)
 {
     SKIP_UNLESS_PROC_ROOT_LISTABLE();
