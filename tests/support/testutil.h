@@ -196,6 +196,21 @@ inline bool wait_exec(pid_t pid, const std::string &argv0, int seconds = 60)
     }, seconds);
 }
 
+// Waits until the forked child pid runs another program than this one (its
+// exe link changed), whatever program that is: a shell that execs in turn
+// may be past its own name before a look at its command line.
+inline bool wait_exec_away(pid_t pid, int seconds = 60)
+{
+    char self[256] = {}, link[64];
+    if (readlink("/proc/self/exe", self, sizeof self - 1) <= 0)
+        return false;
+    snprintf(link, sizeof link, "/proc/%d/exe", pid);
+    return wait_until([&] {
+        char exe[256] = {};
+        return readlink(link, exe, sizeof exe - 1) > 0 && strcmp(exe, self) != 0;
+    }, seconds);
+}
+
 // Waits until pid sleeps in a blocking call: an exec'd program is settled
 // only once its loader has finished opening and closing libraries.  False
 // when the process has gone or the deadline passed.
