@@ -33,6 +33,17 @@ def live(test):
 status_field = bb.status_field
 
 
+def waiting_for_events(pid):
+    """tstrace blocked in its wait for its tracees: a SIGINT now interrupts
+    that wait (sent earlier, between its look at the stop flag and the wait,
+    it would only be seen at the tracee's next event)."""
+    try:
+        with open(f"/proc/{pid}/wchan") as f:
+            return f.read() == "do_wait"
+    except OSError:
+        return False
+
+
 def unaddress(text):
     return re.sub(rb"\] \[[0-9a-f]+ [0-9a-f]+\] ", b"] [A A] ", text)
 
@@ -142,6 +153,7 @@ class Tstrace(unittest.TestCase):
             wait_until(lambda: status_field(h.pid, "TracerPid") == str(t.pid), "tstrace attached")
             # Attached and resumed: back in its pause.
             wait_until(lambda: (status_field(h.pid, "State") or "?")[0] == "S", "the helper back in its pause")
+            wait_until(lambda: waiting_for_events(t.pid), "tstrace waiting for events")
             t.send_signal(signal.SIGINT)
             t.communicate(timeout=30)
             self.assertEqual(t.returncode, 0)
@@ -162,6 +174,7 @@ class Tstrace(unittest.TestCase):
         # before the exec (which may sleep too).
         wait_until(lambda: status_field(child, "Name") == "trace_helper"
                    and (status_field(child, "State") or "?")[0] == "S", "the command in its pause")
+        wait_until(lambda: waiting_for_events(t.pid), "tstrace waiting for events")
         t.send_signal(signal.SIGINT)
         out, _ = t.communicate(timeout=30)
         self.assertEqual(t.returncode, 0)
