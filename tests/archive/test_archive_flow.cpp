@@ -159,8 +159,9 @@ bool mkdirs(const std::string &path)
 // process directories gives an empty process list.
 std::string make_tree()
 {
+    // The board's root has no /var/run: the mount point is made first.
     auto fresh = [](const char *dir) {
-        return mount("tmpfs", dir, "tmpfs", 0, "size=4m") == 0;
+        return mkdirs(dir) && mount("tmpfs", dir, "tmpfs", 0, "size=4m") == 0;
     };
     if (!fresh("/proc") || !fresh("/etc") || !fresh("/var/run"))
         return std::string("SKIP [unshare] mount tmpfs: ") + strerror(errno);
